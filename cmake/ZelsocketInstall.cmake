@@ -1,0 +1,24 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS zelsocket EXPORT zelsocketTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY include/zelsocket DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h")
+
+set(ZELSOCKET_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zelsocket)
+install(EXPORT zelsocketTargets NAMESPACE zelsocket:: DESTINATION ${ZELSOCKET_CMAKE_DIR})
+configure_package_config_file(cmake/zelsocketConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/zelsocketConfig.cmake
+  INSTALL_DESTINATION ${ZELSOCKET_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zelsocketConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zelsocketConfig.cmake
+              ${PROJECT_BINARY_DIR}/zelsocketConfigVersion.cmake
+        DESTINATION ${ZELSOCKET_CMAKE_DIR})
+
+# pkg-config: libuv is a public dependency because <zelsocket/sync.h> embeds its
+# lock types.
+configure_file(cmake/zelsocket.pc.in ${PROJECT_BINARY_DIR}/zelsocket.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zelsocket.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

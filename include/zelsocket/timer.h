@@ -1,0 +1,38 @@
+// Public header: one-shot and repeating timers on a loop.
+#ifndef ZELSOCKET_TIMER_H
+#define ZELSOCKET_TIMER_H
+
+#include <functional>
+
+#include "zelsocket/export.h"
+
+namespace zelsocket {
+
+class IOLoop;
+class TimerImpl;
+
+// Each firing is one IOLoop::DelayCall, so a timer fires on the loop's 50 ms
+// poll after its due time; a repeating timer's next due time counts from the
+// firing, so it drifts.  The function runs on the loop thread.  SetTimeout on an
+// armed timer replaces it.  The timer may be used and destroyed on any thread.
+class ZELSOCKET_API Timer {
+ public:
+  explicit Timer(IOLoop* loop = nullptr);  // null: IOLoop::GetLoop()
+  ~Timer();                                // Cancel, then let go
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  // First firing after `delayMs`, then every `intervalMs` (0 or less: once).
+  // 0, or -1 for an empty function, no loop, or a loop that refused.
+  int SetTimeout(int delayMs, int intervalMs, std::function<void()> fn);
+  // Armed and not yet fired (inside a one-shot's function: false).
+  bool IsRunning() const;
+  void Cancel();
+
+ private:
+  TimerImpl* _impl;
+};
+
+}  // namespace zelsocket
+
+#endif  // ZELSOCKET_TIMER_H

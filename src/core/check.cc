@@ -1,0 +1,14 @@
+#include "core/check.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace zelsocket {
+
+void DcheckFailed(const char* condition, const char* file, int line) {
+  std::fprintf(stderr, "zelsocket: check failed: %s at %s:%d\n", condition, file, line);
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace zelsocket
