@@ -10,5 +10,6 @@
 #include "zelsocket/io_loop.h"
 #include "zelsocket/async.h"
 #include "zelsocket/timer.h"
+#include "zelsocket/ip_address.h"
 
 #endif  // ZELSOCKET_ZELSOCKET_H
