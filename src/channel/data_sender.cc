@@ -1,0 +1,254 @@
+#include "channel/data_sender.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "core/check.h"
+#include "core/logging.h"
+#include "core/platform.h"
+#include "zelsocket/io_loop.h"
+
+namespace zelsocket {
+
+namespace {
+
+constexpr int kTickMs = 100;
+
+std::uint32_t Low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
+
+}  // namespace
+
+DataSender::DataSender(IOLoop* loop, TickSource tick, WallClockSource wallClock)
+    : m_loop(loop ? loop : IOLoop::GetLoop()),
+      m_tick(tick ? tick : &platform::TickMs),
+      m_wallClock(wallClock ? wallClock : &platform::WallClockSeconds),
+      m_timer(m_loop),
+      m_async(m_loop) {}
+
+DataSender::~DataSender() {
+  // Also reached off the loop thread when the loop has already stopped.
+  _CancelAll();
+  m_timer.Cancel();
+  m_async.Cancel();
+}
+
+bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, unsigned int cookie,
+                            unsigned long long requestTick) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  if (!buffer || !option) return false;
+  // Without an interval there is no first wait to schedule.
+  if (option->GetSendCount() <= 0) return false;
+  if (m_packets.count(cookie) != 0) {
+    LogInfo(tag::kDataSender, "DataSender::SendPacket, same cookie found, cookie=%u", cookie);
+    return false;
+  }
+  auto* packet = new Packet();
+  packet->cookie = cookie;
+  packet->buffer = buffer;
+  packet->dest = m_dest;
+  packet->option = option;
+  packet->requestTick = requestTick;
+  packet->createTick = _Now();
+  packet->createTime = m_wallClock();
+  m_packets.emplace(cookie, packet);
+  _SendOnce(packet);
+  _StartTimer();
+  return true;
+}
+
+void DataSender::_SendOnce(Packet* packet) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  if (!m_paused && m_dest.IsValid()) {
+    if (!packet->dest.IsValid()) packet->dest = m_dest;
+    if (SendData(packet) == 0) ++packet->send;
+  }
+  packet->sendTimes.push_back(m_wallClock());
+  _Schedule(packet);
+}
+
+void DataSender::_Schedule(Packet* packet) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  std::uint64_t now = _Now();
+  // A schedule shortened under the packet: let the next pass end it.
+  std::uint64_t due = now;
+  if (packet->retry < packet->option->GetSendCount()) {
+    due = now + static_cast<std::int64_t>(packet->option->GetSendInterval(packet->retry));
+  }
+  m_schedule.push_back(ScheduleEntry{packet->cookie, due});
+  std::push_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
+}
+
+void DataSender::_StartTimer() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  if (m_schedule.empty() || m_timer.IsRunning()) return;
+  m_timer.SetTimeout(kTickMs, 0, [this] { _OnTimer(); });
+}
+
+void DataSender::_OnTimer() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  Packet* expired = nullptr;
+  if (_CheckSchedule(&expired)) m_async.AsyncCall([this] { _OnTimer(); });
+  _StartTimer();
+  if (expired) {
+    // The sink may destroy this sender: nothing of it is touched after the call.
+    std::unique_ptr<Packet> owned(expired);
+    _OnPacketTimeout(expired);
+  }
+}
+
+bool DataSender::_CheckSchedule(Packet** expired) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  *expired = nullptr;
+  const std::uint64_t now = _Now();
+  while (!m_schedule.empty()) {
+    if (m_schedule.front().due > now) return false;
+    std::pop_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
+    std::uint32_t cookie = m_schedule.back().cookie;
+    m_schedule.pop_back();
+    auto it = m_packets.find(cookie);
+    if (it == m_packets.end()) continue;  // stale: cancelled since it was scheduled
+    Packet* packet = it->second;
+    ++packet->retry;
+    if (packet->retry >= packet->option->GetSendCount()) {
+      m_packets.erase(it);
+      *expired = packet;
+      return !m_schedule.empty();
+    }
+    _SendOnce(packet);
+  }
+  return false;
+}
+
+void DataSender::_OnPacketTimeout(Packet* packet) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  _LogPacket(false, "timeout", packet);
+  if (m_sink) m_sink->OnPacketTimeout(packet->cookie, packet->retry, packet->send);
+}
+
+bool DataSender::CancelPacket(unsigned int cookie, int* send, int* retry) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  *send = 0;
+  *retry = 0;
+  auto it = m_packets.find(cookie);
+  if (it == m_packets.end()) {
+    LogInfo(tag::kDataSender, "DataSender::CancelPacket, packet not found, cookie=%u", cookie);
+    return false;
+  }
+  std::unique_ptr<Packet> packet(it->second);
+  m_packets.erase(it);
+  _LogPacket(true, "recv", packet.get());
+  *send = packet->send;
+  *retry = packet->retry;
+  LogDebug(tag::kDataSender, "DataSender::CancelPacket, ok, cookie=%u, send=%u, retry=%u", cookie,
+           static_cast<unsigned>(packet->send), static_cast<unsigned>(packet->retry));
+  return true;
+}
+
+void DataSender::CancelForceAllPacketsTimeout() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  _CancelForceAll();
+}
+
+void DataSender::_CancelForceAll() {
+  LogInfo(tag::kDataSender, "DataSender::CancelForceAllPacketsTimeout, count=%u",
+          static_cast<unsigned>(m_timeoutPackets.size()));
+  std::map<std::uint32_t, Packet*> batch;
+  batch.swap(m_timeoutPackets);
+  for (auto& entry : batch) {
+    _LogPacket(false, "cancel_timeout", entry.second);
+    delete entry.second;
+  }
+}
+
+void DataSender::CancelAllPackets() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  _CancelAll();
+}
+
+void DataSender::_CancelAll() {
+  _CancelForceAll();
+  m_schedule.clear();
+  LogInfo(tag::kDataSender, "DataSender::CancelAllPackets, count=%u", static_cast<unsigned>(m_packets.size()));
+  std::map<std::uint32_t, Packet*> all;
+  all.swap(m_packets);
+  for (auto& entry : all) {
+    _LogPacket(false, "cancel", entry.second);
+    delete entry.second;
+  }
+}
+
+void DataSender::ForceAllPacketsTimeout() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  m_schedule.clear();
+  LogInfo(tag::kDataSender, "DataSender::ForceAllPacketsTimeout, packet-count=%u, timeout-count=%u",
+          static_cast<unsigned>(m_packets.size()), static_cast<unsigned>(m_timeoutPackets.size()));
+  CancelForceAllPacketsTimeout();
+  m_timeoutPackets.swap(m_packets);
+  // The owner holds a reference for the whole batch, so this sender outlives
+  // every notification; a notification that cancels empties m_timeoutPackets.
+  while (!m_timeoutPackets.empty()) {
+    auto it = m_timeoutPackets.begin();
+    std::unique_ptr<Packet> packet(it->second);
+    m_timeoutPackets.erase(it);
+    _OnPacketTimeout(packet.get());
+  }
+}
+
+void DataSender::_ResendAllPacketsWhenResumeFromPause() {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  std::vector<ScheduleEntry> entries;
+  entries.reserve(m_schedule.size());
+  while (!m_schedule.empty()) {
+    std::pop_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
+    entries.push_back(m_schedule.back());
+    m_schedule.pop_back();
+  }
+  LogInfo(tag::kDataSender, "DataSender::_ResendAllPacketsWhenResumeFromPause, queue-count=%u, packet-count=%u",
+          static_cast<unsigned>(entries.size()), static_cast<unsigned>(m_packets.size()));
+  for (const ScheduleEntry& entry : entries) {
+    auto it = m_packets.find(entry.cookie);
+    if (it != m_packets.end()) _SendOnce(it->second);
+  }
+  _StartTimer();
+}
+
+void DataSender::_LogPacket(bool info, const char* stage, Packet* packet) {
+  std::tm local{};
+  char sendTime[1024];
+  int used = 0;
+  if (platform::LocalTime(packet->createTime, &local)) {
+    used = std::snprintf(sendTime, sizeof(sendTime), "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
+                         local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  } else {
+    sendTime[0] = '\0';
+  }
+  for (std::int64_t stamp : packet->sendTimes) {
+    if (used < 0 || used >= static_cast<int>(sizeof(sendTime)) - 1) break;
+    int delta = static_cast<std::int32_t>(Low32(static_cast<std::uint64_t>(stamp)) -
+                                          Low32(static_cast<std::uint64_t>(packet->createTime)));
+    int n = std::snprintf(sendTime + used, sizeof(sendTime) - static_cast<size_t>(used), ",%d", delta);
+    if (n < 0) break;
+    used += n;
+  }
+  std::uint32_t now = Low32(_Now());
+  std::uint32_t created = Low32(packet->createTick);
+  std::uint32_t requested = Low32(packet->requestTick);
+  const char* format =
+      "%s, cookie=%u, retry=%u, send=%u, send-count=%u, send-delay=%u, recv-delay=%u, total-delay=%u, "
+      "send-time=%s";
+  auto sendCount = static_cast<unsigned>(packet->option ? packet->option->GetSendCount() : 0);
+  if (info) {
+    LogDebug(tag::kDataSender, format, stage, packet->cookie, static_cast<unsigned>(packet->retry),
+             static_cast<unsigned>(packet->send), sendCount, created - requested, now - created, now - requested,
+             sendTime);
+  } else {
+    LogInfo(tag::kDataSender, format, stage, packet->cookie, static_cast<unsigned>(packet->retry),
+            static_cast<unsigned>(packet->send), sendCount, created - requested, now - created, now - requested,
+            sendTime);
+  }
+}
+
+}  // namespace zelsocket

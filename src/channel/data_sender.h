@@ -1,0 +1,121 @@
+// Internal: the retransmission engine of a channel.
+//
+// Holds every accepted packet, transmits it at once and again each time the
+// current interval of its schedule has passed, and tells its owner when the
+// schedule has run out.  One one-shot 100 ms Timer serves all packets and runs
+// only while something is scheduled.  Cancelling by cookie costs a map lookup:
+// the packet's heap entry stays behind and is dropped when it reaches the top.
+//
+// Everything runs on the thread of the loop given to the constructor; the timer
+// and the posted pass are bound to that loop, so a sender made on any thread
+// works.  Sink notifications run there too and may call back into the sender:
+// records leave the maps before the call, and no position is held across it.
+//
+// A schedule without intervals cannot be scheduled; SendPacket refuses it.  A
+// schedule changed under a pending packet (against the rules) so that the
+// running interval is gone makes the packet time out on the next pass, instead
+// of raising the out-of-range failure on the loop thread.
+#ifndef ZELSOCKET_SRC_CHANNEL_DATA_SENDER_H
+#define ZELSOCKET_SRC_CHANNEL_DATA_SENDER_H
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "zelsocket/async.h"
+#include "zelsocket/buffer.h"
+#include "zelsocket/channel_option.h"
+#include "zelsocket/ip_address.h"
+#include "zelsocket/timer.h"
+
+namespace zelsocket {
+
+class IOLoop;
+
+struct Packet {
+  std::uint32_t cookie = 0;
+  RefPtr<IConstBuffer> buffer;
+  IPEndPoint dest;
+  int retry = 0;  // intervals run out so far; index of the running interval
+  int send = 0;   // transmissions the socket accepted
+  RefPtr<IChannelSendOption> option;
+  std::uint64_t requestTick = 0;
+  std::uint64_t createTick = 0;
+  std::int64_t createTime = 0;
+  std::vector<std::int64_t> sendTimes;  // wall clock of each pass, oldest first
+};
+
+class IDataSenderSink {
+ public:
+  virtual ~IDataSenderSink() = default;
+  // The packet has left the sender; it is destroyed after this call.
+  virtual void OnPacketTimeout(unsigned int cookie, int retry, int send) = 0;
+};
+
+class DataSender {
+ public:
+  using TickSource = std::uint64_t (*)();
+  using WallClockSource = std::int64_t (*)();
+
+  // `tick` and `wallClock` replace the system clocks (tests drive the sender
+  // with a fake clock); null keeps the system's.
+  explicit DataSender(IOLoop* loop, TickSource tick = nullptr, WallClockSource wallClock = nullptr);
+  virtual ~DataSender();
+  DataSender(const DataSender&) = delete;
+  DataSender& operator=(const DataSender&) = delete;
+
+  // 0 when the datagram was handed to the socket.
+  virtual int SendData(Packet* packet) = 0;
+
+  bool SendPacket(IConstBuffer* buffer, IChannelSendOption* option, unsigned int cookie,
+                  unsigned long long requestTick);
+  bool CancelPacket(unsigned int cookie, int* send, int* retry);
+  void CancelAllPackets();
+  void ForceAllPacketsTimeout();
+  void CancelForceAllPacketsTimeout();
+  void _ResendAllPacketsWhenResumeFromPause();
+
+  // Owned by the channel, which reads and writes them directly.
+  bool m_paused = true;
+  IPEndPoint m_dest;
+  IDataSenderSink* m_sink = nullptr;
+
+  size_t PacketCount() const { return m_packets.size(); }
+  size_t ScheduleSize() const { return m_schedule.size(); }
+  bool IsTimerRunning() const { return m_timer.IsRunning(); }
+  // One pass, as the timer runs it; for tests that drive the clock themselves.
+  void RunPassForTesting() { _OnTimer(); }
+
+ private:
+  struct ScheduleEntry {
+    std::uint32_t cookie;
+    std::uint64_t due;
+  };
+  struct LaterDue {
+    bool operator()(const ScheduleEntry& a, const ScheduleEntry& b) const { return a.due > b.due; }
+  };
+
+  void _SendOnce(Packet* packet);
+  void _Schedule(Packet* packet);
+  void _StartTimer();
+  void _OnTimer();
+  bool _CheckSchedule(Packet** expired);
+  void _OnPacketTimeout(Packet* packet);
+  void _CancelForceAll();
+  void _CancelAll();
+  void _LogPacket(bool info, const char* stage, Packet* packet);
+  std::uint64_t _Now() const { return m_tick(); }
+
+  IOLoop* m_loop;
+  TickSource m_tick;
+  WallClockSource m_wallClock;
+  std::map<std::uint32_t, Packet*> m_packets;
+  std::vector<ScheduleEntry> m_schedule;  // min-heap on due
+  Timer m_timer;
+  Async m_async;
+  std::map<std::uint32_t, Packet*> m_timeoutPackets;
+};
+
+}  // namespace zelsocket
+
+#endif  // ZELSOCKET_SRC_CHANNEL_DATA_SENDER_H
