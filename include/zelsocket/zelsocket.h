@@ -11,5 +11,8 @@
 #include "zelsocket/async.h"
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
+#include "zelsocket/host_resolve.h"
+#include "zelsocket/channel_option.h"
+#include "zelsocket/channel.h"
 
 #endif  // ZELSOCKET_ZELSOCKET_H
