@@ -1,0 +1,265 @@
+// The channel over real sockets, against real peers on loopback: a responder
+// that drops the first copies of each request, and a DNS server.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "channel/channel_sink.h"
+#include "support/process.h"
+#include "support/test_support.h"
+#include "zelsocket/channel.h"
+#include "zelsocket/io_loop.h"
+#include "zelsocket/udp.h"
+
+using namespace zelsocket;
+
+namespace {
+
+// Answers each request by echoing it, after dropping its first `drop` copies.
+// Requests are told apart by their first four bytes.
+class DroppingResponder {
+ public:
+  explicit DroppingResponder(int drop) : m_drop(drop) {
+    m_fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    socklen_t len = sizeof(addr);
+    getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    m_port = ntohs(addr.sin_port);
+    m_thread = std::thread([this] { Run(); });
+  }
+  ~DroppingResponder() {
+    m_stop = true;
+    m_thread.join();
+    close(m_fd);
+  }
+  unsigned short Port() const { return m_port; }
+  int Received() const { return m_received.load(); }
+
+ private:
+  void Run() {
+    std::map<std::string, int> seen;
+    while (!m_stop) {
+      pollfd p{m_fd, POLLIN, 0};
+      if (poll(&p, 1, 20) != 1) continue;
+      unsigned char buf[2048];
+      sockaddr_in from{};
+      socklen_t len = sizeof(from);
+      ssize_t n = recvfrom(m_fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
+      if (n <= 0) continue;
+      ++m_received;
+      std::string id(reinterpret_cast<char*>(buf), static_cast<size_t>(std::min<ssize_t>(n, 4)));
+      if (++seen[id] <= m_drop) continue;
+      sendto(m_fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
+    }
+  }
+
+  int m_drop;
+  int m_fd;
+  unsigned short m_port = 0;
+  std::atomic<bool> m_stop{false};
+  std::atomic<int> m_received{0};
+  std::thread m_thread;
+};
+
+RefPtr<IConstBuffer> Bytes(const void* data, size_t size) {
+  RefPtr<IMutableBuffer> b;
+  CreateBuffer(b);
+  b->CopyFrom(data, static_cast<int>(size));
+  return RefPtr<IConstBuffer>(b.Get());
+}
+
+RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {
+  RefPtr<IChannelSendOption> o;
+  CreateChannelSendOption(o);
+  o->SetPacketPerSend(1);
+  for (int i : intervals) o->AddSendInterval(i);
+  return o;
+}
+
+bool HaveRealSockets() {
+  RefPtr<IUdp> udp;
+  return CreateUdp(udp, nullptr) && udp;
+}
+
+class ChannelE2ETest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!HaveRealSockets()) GTEST_SKIP() << "this build has no UDP socket";
+    ASSERT_EQ(0, loop.Start());
+    ASSERT_TRUE(CreateUdpChannel(channel, &loop));
+    sink.Attach(new zstest::ChannelSink());
+    channel->SetSink(sink);
+  }
+  void TearDown() override {
+    if (!channel) return;
+    channel = nullptr;
+    EXPECT_EQ(0, loop.Stop());
+  }
+
+  IOLoop loop;
+  RefPtr<IChannel> channel;
+  RefPtr<zstest::ChannelSink> sink;
+};
+
+TEST_F(ChannelE2ETest, RetransmitsUntilTheResponderAnswers) {
+  DroppingResponder responder(2);
+  std::atomic<unsigned int> answered{0};
+  std::map<std::string, unsigned int> cookieById;
+  std::mutex mutex;
+  sink->onRecv = [&](int) {
+    std::string id = sink->Received().back().substr(0, 4);
+    unsigned int cookie;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      cookie = cookieById[id];
+    }
+    int retry = -1, send = -1;
+    channel->CancelSend(cookie, &retry, &send);
+    EXPECT_EQ(3, send);
+    answered = cookie;
+  };
+  // Sent before Connect: waits, then leaves with the connection.
+  RefPtr<IChannelSendOption> o = Schedule({60, 60, 60, 60, 60, 60, 60, 60});
+  unsigned int cookie = 0;
+  RefPtr<IConstBuffer> b = Bytes("req1-payload", 12);
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(0, channel->Send(b, o, cookie));
+    cookieById["req1"] = cookie;
+  }
+  ASSERT_EQ(0, channel->Connect("127.0.0.1", responder.Port(), nullptr));
+  ASSERT_TRUE(sink->WaitCount("connect:0", 1));
+  ASSERT_TRUE(zstest::WaitUntil([&] { return answered.load() == cookie; }));
+  EXPECT_TRUE(sink->WaitCount("send:" + std::to_string(cookie), 3));
+  EXPECT_EQ(3, responder.Received());
+  EXPECT_EQ(0, sink->Count("timeout:"));
+  EXPECT_EQ((std::vector<std::string>{"req1-payload"}), sink->Received());
+}
+
+// dnsmasq on loopback, reached by address and by name.
+TEST_F(ChannelE2ETest, DnsQueryThroughTheChannel) {
+  zstest::ChildProcess dnsmasq;
+  unsigned short port = 0;
+  for (int attempt = 0; attempt < 5 && port == 0; ++attempt) {
+    unsigned short candidate = zstest::FreeUdpPort();
+    ASSERT_TRUE(zstest::StartDnsmasq(dnsmasq, candidate));
+    if (zstest::WaitForDns(candidate, std::chrono::seconds(5))) {
+      port = candidate;
+    } else {
+      dnsmasq.Kill();
+    }
+  }
+  ASSERT_NE(0, port) << dnsmasq.Output();
+
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    SCOPED_TRACE(host);
+    std::atomic<unsigned int> cookie{0};
+    std::atomic<bool> matched{false};
+    std::atomic<int> sendAtCancel{-1};
+    const std::uint16_t id = host[0] == '1' ? 0x1111 : 0x2222;
+    std::string answer;
+    sink->onRecv = [&](int) {
+      std::string data = sink->Received().back();
+      if (data.size() < 16) return;
+      std::uint16_t got = static_cast<std::uint16_t>((static_cast<unsigned char>(data[0]) << 8) |
+                                                     static_cast<unsigned char>(data[1]));
+      if (got != id) return;
+      int retry = 0, send = 0;
+      channel->CancelSend(cookie.load(), &retry, &send);
+      sendAtCancel = send;
+      answer = data;
+      matched = true;
+    };
+    int connects = sink->Count("connect:0");
+    ASSERT_EQ(0, channel->Connect(host, port, nullptr));
+    ASSERT_TRUE(sink->WaitCount("connect:0", connects + 1));
+    std::vector<unsigned char> query = zstest::DnsQuery(id, "example.test");
+    RefPtr<IConstBuffer> b = Bytes(query.data(), query.size());
+    unsigned int c = 0;
+    RefPtr<IChannelSendOption> o = Schedule({300, 300, 300, 300});
+    // The callback may run before Send returns: publish the cookie under the
+    // loop's own order by sending from the loop thread.
+    ASSERT_EQ(0, loop.SyncCall([&] {
+      ASSERT_EQ(0, channel->Send(b, o, c));
+      cookie = c;
+    }));
+    ASSERT_TRUE(zstest::WaitUntil([&] { return matched.load(); }));
+    EXPECT_GE(sendAtCancel.load(), 1);
+    // The A record's data ends the answer: 10.1.2.3.
+    ASSERT_GE(answer.size(), 4u);
+    EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));
+    // The packet is gone: a second cancel finds nothing, so no timeout can come.
+    int retry = 7, send = 7;
+    channel->CancelSend(c, &retry, &send);
+    EXPECT_EQ(0, send);
+    EXPECT_EQ(0, sink->Count("timeout:"));
+    IPEndPoint dest;
+    channel->GetDestAddr(dest);
+    EXPECT_EQ("127.0.0.1", dest.GetAddress().GetString());
+  }
+}
+
+// The library's default schedule, end to end, against a peer that never answers.
+TEST_F(ChannelE2ETest, DefaultScheduleTimesOutAfterFifteenSeconds) {
+  DroppingResponder silent(1000);
+  ASSERT_EQ(0, channel->Connect("127.0.0.1", silent.Port(), nullptr));
+  ASSERT_TRUE(sink->WaitCount("connect:0", 1));
+  auto start = std::chrono::steady_clock::now();
+  unsigned int cookie = 0;
+  RefPtr<IConstBuffer> b = Bytes("ping", 4);
+  ASSERT_EQ(0, channel->Send(b, nullptr, cookie));
+  ASSERT_TRUE(sink->WaitCount("timeout:", 1, std::chrono::seconds(40)));
+  auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ("timeout:" + std::to_string(cookie) + ":3", sink->Events().back());
+  EXPECT_GE(elapsed, std::chrono::milliseconds(14900));
+  EXPECT_EQ(3, silent.Received());
+  EXPECT_EQ(3, sink->Count("send:"));
+}
+
+TEST(UdpChannelNetnsChild, ConnectsByNameThroughTheNamespaceDnsServer) {
+  if (!zstest::InNamespaceChild()) GTEST_SKIP() << "runs only as the child of UdpChannelNetns";
+  zstest::ChildProcess dnsmasq;
+  ASSERT_TRUE(zstest::StartDnsmasq(dnsmasq, 53));
+  ASSERT_TRUE(zstest::WaitForDns(53, std::chrono::seconds(10))) << dnsmasq.Output();
+  RefPtr<IChannel> channel;
+  ASSERT_TRUE(CreateUdpChannel(channel, nullptr));
+  RefPtr<zstest::ChannelSink> sink;
+  sink.Attach(new zstest::ChannelSink());
+  channel->SetSink(sink);
+  ASSERT_EQ(0, channel->Connect("example.test", 7777, nullptr));
+  ASSERT_TRUE(sink->WaitCount("connect:", 1));
+  EXPECT_EQ("connect:0", sink->Events().at(0));
+  IPEndPoint dest;
+  channel->GetDestAddr(dest);
+  EXPECT_EQ("10.1.2.3", dest.GetAddress().GetString());
+  EXPECT_EQ(7777, dest.GetPort());
+  ASSERT_EQ(0, channel->Connect("nothing.invalid", 7777, nullptr));
+  ASSERT_TRUE(sink->WaitCount("connect:", 2));
+  EXPECT_EQ("connect:-1", sink->Events().at(1));
+  channel->Close();
+}
+
+TEST(UdpChannelNetns, ConnectByRealNameEndToEnd) {
+  if (zstest::InNamespaceChild()) GTEST_SKIP() << "parent only";
+  if (!HaveRealSockets()) GTEST_SKIP() << "this build has no UDP socket";
+  zstest::NetNamespace ns("zschannel" + std::to_string(getpid()));
+  std::string why = ns.Create();
+  if (!why.empty()) GTEST_SKIP() << "cannot make a network namespace here: " << why;
+  std::string output;
+  EXPECT_TRUE(zstest::RunSelfInNamespace(ns.Name(), "UdpChannelNetnsChild.*", 1, &output)) << output;
+}
+
+}  // namespace
