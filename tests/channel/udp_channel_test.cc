@@ -379,7 +379,9 @@ TEST_F(UdpChannelTest, LastReferenceMayGoInsideCallbacks) {
   RefPtr<IConstBuffer> b = Bytes("x");
   RefPtr<IChannelSendOption> quick = Schedule({20});
   ASSERT_EQ(0, raw->Send(b, quick, c));
-  EXPECT_TRUE(sink->WaitCount("timeout:", 2));
+  EXPECT_TRUE(sink->WaitCount("timeout:", 3));
+  EXPECT_TRUE(zstest::WaitUntil(
+      [&] { return log.Count("UdpChannelImpl::_CloseSocket, forceAllTimeout=0, notifyOnClose=0") == 3; }));
 }
 
 TEST_F(UdpChannelTest, ReleaseOnAnotherThreadWithAResolutionInFlight) {
