@@ -12,6 +12,7 @@
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
 #include "zelsocket/host_resolve.h"
+#include "zelsocket/udp.h"
 #include "zelsocket/channel_option.h"
 #include "zelsocket/channel.h"
 
