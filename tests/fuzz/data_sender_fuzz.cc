@@ -1,0 +1,237 @@
+// Drives the data sender with a byte string of operations — packets with
+// schedules drawn from the input, cancels, ticks of a fake clock, forced
+// timeouts, cancel-all, pause and resume, a destination that comes and goes, a
+// socket that refuses, a sink that calls back in — and checks every outcome
+// against a reference model that follows each packet on its own.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "channel/data_sender.h"
+#include "zelsocket/buffer.h"
+#include "zelsocket/channel_option.h"
+#include "zelsocket/io_loop.h"
+#include "zelsocket/log.h"
+
+using namespace zelsocket;
+
+namespace {
+
+std::uint64_t g_now = 0;
+std::uint64_t FakeTick() { return g_now; }
+std::int64_t FakeWallClock() { return static_cast<std::int64_t>(g_now / 1000); }
+
+#define CHECK(cond)                                                          \
+  do {                                                                       \
+    if (!(cond)) {                                                           \
+      std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
+      std::abort();                                                          \
+    }                                                                        \
+  } while (0)
+
+// What the model expects of one packet.
+struct ModelPacket {
+  std::vector<int> intervals;
+  int retry = 0;
+  std::uint64_t due = 0;
+  int calls = 0;      // SendData calls expected so far
+  bool ended = false;
+};
+
+class Harness : public DataSender, public IDataSenderSink {
+ public:
+  explicit Harness(IOLoop* loop) : DataSender(loop, FakeTick, FakeWallClock) { m_sink = this; }
+
+  int SendData(Packet* packet) override {
+    auto it = model.find(packet->cookie);
+    CHECK(it != model.end() && !it->second.ended);  // never a transmission after the end
+    ++callsSeen[packet->cookie];
+    if (refuse) return -1;
+    ++accepted[packet->cookie];
+    return 0;
+  }
+
+  void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
+    auto it = model.find(cookie);
+    CHECK(it != model.end() && !it->second.ended);
+    ModelPacket& p = it->second;
+    CHECK(send == accepted[cookie]);
+    if (forcing) {
+      CHECK(retry == p.retry);
+    } else {
+      // A schedule that ran out: the model must agree that it has.
+      CHECK(expiring.count(cookie) == 1);
+      CHECK(retry == static_cast<int>(p.intervals.size()));
+    }
+    p.ended = true;
+    ++timeouts;
+    if (cancelAllOnNextTimeout) {
+      cancelAllOnNextTimeout = false;
+      for (auto& [c, other] : model) other.ended = true;  // the rest go silently
+      CancelAllPackets();
+    }
+  }
+
+  // The transmission a pass or a resume makes, as the model sees it.
+  void ModelSendOnce(ModelPacket& p) {
+    if (!m_paused && m_dest.IsValid()) ++p.calls;
+    p.due = g_now + static_cast<std::uint64_t>(static_cast<std::int64_t>(p.intervals[p.retry]));
+  }
+
+  // Advances every live packet through the pass at g_now; the packets whose
+  // schedule runs out are left in `expiring` for the sender to report.
+  void ModelPass() {
+    expiring.clear();
+    for (auto& [cookie, p] : model) {
+      while (!p.ended && p.due <= g_now) {
+        if (++p.retry >= static_cast<int>(p.intervals.size())) {
+          expiring[cookie] = true;
+          break;
+        }
+        ModelSendOnce(p);
+      }
+    }
+  }
+
+  // Exact for live packets.  A sink that cancels everything from inside a
+  // timeout stops a pass half way, so packets that ended that way may have
+  // missed transmissions that the model counted.
+  void CheckCalls() {
+    for (auto& [cookie, p] : model) {
+      if (p.ended) CHECK(callsSeen[cookie] <= p.calls);
+      else CHECK(callsSeen[cookie] == p.calls);
+    }
+  }
+
+  std::map<unsigned, ModelPacket> model;
+  std::map<unsigned, int> callsSeen, accepted;
+  std::map<unsigned, bool> expiring;
+  bool refuse = false;
+  bool forcing = false;
+  bool cancelAllOnNextTimeout = false;
+  int timeouts = 0;
+};
+
+void Run(const std::uint8_t* data, std::size_t size) {
+  g_now = 1000000;
+  std::size_t at = 0;
+  auto next = [&]() -> std::uint8_t { return at < size ? data[at++] : 0; };
+  Harness sender(IOLoop::CurrentLoop());
+  RefPtr<IMutableBuffer> payload;
+  CreateBuffer(payload);
+  payload->CopyFrom("x", 1);
+  IPEndPoint dest("127.0.0.1", 9);
+
+  while (at < size) {
+    switch (next() % 10) {
+      case 0: {  // a packet with a schedule of 0 to 4 intervals
+        unsigned cookie = next() % 16 + 1;
+        int count = next() % 5;
+        RefPtr<IChannelSendOption> option;
+        CreateChannelSendOption(option);
+        option->SetPacketPerSend(1);
+        std::vector<int> intervals;
+        for (int i = 0; i < count; ++i) {
+          intervals.push_back(next() * 4);
+          option->AddSendInterval(intervals.back());
+        }
+        bool known = sender.model.count(cookie) && !sender.model[cookie].ended;
+        bool expectOk = !known && count > 0;
+        if (expectOk) {  // known before the call, which transmits at once
+          ModelPacket p;
+          p.intervals = intervals;
+          sender.model[cookie] = p;
+          sender.callsSeen[cookie] = 0;
+          sender.accepted[cookie] = 0;
+        }
+        bool ok = sender.SendPacket(payload, option, cookie, g_now);
+        CHECK(ok == expectOk);
+        if (ok) sender.ModelSendOnce(sender.model[cookie]);
+        break;
+      }
+      case 1: {
+        unsigned cookie = next() % 16 + 1;
+        int send = -1, retry = -1;
+        bool live = sender.model.count(cookie) && !sender.model[cookie].ended;
+        CHECK(sender.CancelPacket(cookie, &send, &retry) == live);
+        if (live) {
+          CHECK(send == sender.accepted[cookie]);
+          CHECK(retry == sender.model[cookie].retry);
+          sender.model[cookie].ended = true;
+        } else {
+          CHECK(send == 0 && retry == 0);
+        }
+        break;
+      }
+      case 2: {  // time passes; the pass repeats as the posted pass would, until quiet
+        g_now += next() * 8u;
+        sender.ModelPass();
+        for (std::size_t guard = 0; guard <= sender.model.size() + 1; ++guard) {
+          int before = sender.timeouts;
+          sender.RunPassForTesting();
+          if (sender.timeouts == before) break;
+        }
+        for (auto& [cookie, expired] : sender.expiring) CHECK(sender.model[cookie].ended);
+        break;
+      }
+      case 3:
+        sender.forcing = true;
+        sender.ForceAllPacketsTimeout();
+        sender.forcing = false;
+        for (auto& [cookie, p] : sender.model) CHECK(p.ended);
+        break;
+      case 4:
+        sender.CancelAllPackets();
+        for (auto& [cookie, p] : sender.model) p.ended = true;
+        break;
+      case 5:
+        sender.m_paused = true;
+        break;
+      case 6:
+        if (sender.m_paused) {
+          sender.m_paused = false;
+          sender._ResendAllPacketsWhenResumeFromPause();
+          for (auto& [cookie, p] : sender.model)
+            if (!p.ended) sender.ModelSendOnce(p);
+        }
+        break;
+      case 7:
+        sender.m_dest = sender.m_dest.IsValid() ? IPEndPoint() : dest;
+        break;
+      case 8:
+        sender.refuse = !sender.refuse;
+        break;
+      default:
+        sender.cancelAllOnNextTimeout = true;
+        break;
+    }
+    sender.CheckCalls();
+    std::size_t live = 0;
+    for (auto& [cookie, p] : sender.model) live += !p.ended;
+    CHECK(sender.PacketCount() == live);
+  }
+}
+
+void Quiet(LOG_LEVEL, const char*, const char*) {}
+
+IOLoop* Loop() {
+  static IOLoop* loop = [] {
+    SetLogCallback(Quiet);
+    auto* l = new IOLoop();
+    l->Start();
+    return l;
+  }();
+  return loop;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // The sender's timer and posted pass belong to the loop thread; the whole
+  // input runs there in one call, so neither can interleave with it.
+  Loop()->SyncCall([data, size] { Run(data, size); });
+  return 0;
+}
