@@ -11,6 +11,7 @@
 #include "zelsocket/async.h"
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
+#include "zelsocket/udp.h"
 #include "zelsocket/host_resolve.h"
 #include "zelsocket/channel_option.h"
 #include "zelsocket/channel.h"
