@@ -82,7 +82,7 @@ void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* /
   ZS_ASSERT_LOOP_THREAD(self->m_loop);
   if (nread == 0) {
     // Both "nothing to read" and an empty datagram: neither is delivered.
-    LogDebug(tag::kOp, "UvUdpRecv::_RecvCallback, nread=0");
+    LogInfo(tag::kOp, "UvUdpRecv::_RecvCallback, nread=0");
     return;
   }
   UdpRecvCtx* record = self->m_ctx;
@@ -96,7 +96,7 @@ void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* /
     return;
   }
   uv_udp_recv_stop(handle);
-  int rc = IOLoop::GetLoop()->AsyncCall(record->anchor, self);
+  int rc = self->m_loop->AsyncCall(record->anchor, self);
   if (rc != 0) LogInfo(tag::kOp, "UvUdpRecv::_RecvCallback, AsyncCall fail, ret=%d", rc);
 }
 

@@ -60,19 +60,19 @@ class ChannelSink : public zelsocket::IChannelSink, public zelsocket::RefCountBa
     return sendDests;
   }
 
-  // Hooks run on the loop thread after the event is recorded; set them before
+  // Hooks run on the loop thread before the event is recorded; set them before
   // the channel can call.
   std::function<void(int)> onConnect, onRecv, onClose;
   std::function<void(unsigned int)> onSend, onTimeout;
 
  private:
+  // The hook runs first, so that whoever waits for the event also sees what
+  // the hook did.
   template <typename Hook, typename Arg>
   void Record(const std::string& event, const Hook& hook, Arg arg) {
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_events.push_back(event);
-    }
     if (hook) hook(arg);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.push_back(event);
   }
 
   std::mutex m_mutex;

@@ -63,7 +63,7 @@ class FakePlatform : public INonLspPlatform {
       lastError = kEnumNoBuffers;
       return -1;
     }
-    std::memcpy(buffer, catalogue.data(), catalogue.size() * sizeof(ProtocolInfoW));
+    if (!catalogue.empty()) std::memcpy(buffer, catalogue.data(), catalogue.size() * sizeof(ProtocolInfoW));
     return static_cast<int>(catalogue.size());
   }
 

@@ -176,7 +176,7 @@ TEST_F(UdpTest, ReceiveOffersTheBufferCapacityAndSkipsEmptyDatagrams) {
   EXPECT_EQ(first.ctx, Tag(1));
   EXPECT_EQ(first.capacity, UvUdpRecv::kMinRecvSize);
   EXPECT_EQ(first.data, std::string(UvUdpRecv::kMinRecvSize, 'a'));  // cut to what was offered
-  EXPECT_TRUE(log.Has(LOG_LEVEL_DEBUG, "op", "UvUdpRecv::_RecvCallback, nread=0"));
+  EXPECT_TRUE(log.Has(LOG_LEVEL_INFO, "op", "UvUdpRecv::_RecvCallback, nread=0"));
 
   RefPtr<IMutableBuffer> large;
   CreateBuffer(large);
@@ -303,9 +303,9 @@ TEST_F(UdpTest, OneReceiveAtATime) {
 
   // A one-shot sink may arm the next receive from inside its report.
   std::atomic<int> rearm{99};
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void* ctx) {
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void* ctx) {
     if (ctx == Tag(3)) rearm = udp->Recv(c, Tag(6));
-  };
+  });
   ASSERT_TRUE(peer.SendTo(local, "first"));
   ASSERT_TRUE(sink->WaitRecvs(3));
   EXPECT_EQ(rearm.load(), 0);
@@ -317,9 +317,9 @@ TEST_F(UdpTest, OneReceiveAtATime) {
   EXPECT_EQ(a->Compare("first", 5), 0);  // each receive keeps its own buffer
 
   // A continuous receive is still armed inside its report.
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void* ctx) {
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void* ctx) {
     if (ctx == Tag(7)) rearm = udp->Recv(d, Tag(8));
-  };
+  });
   ASSERT_EQ(udp->StartRecv(c, Tag(7)), 0);
   ASSERT_TRUE(peer.SendTo(local, "third"));
   ASSERT_TRUE(sink->WaitRecvs(5));
@@ -327,7 +327,7 @@ TEST_F(UdpTest, OneReceiveAtATime) {
   EXPECT_EQ(sink->Recvs()[4].ctx, Tag(7));
 
   // CancelRecv disarms without a report; nothing armed is fine too.
-  sink->onRecv = nullptr;
+  sink->SetOnRecv(nullptr);
   EXPECT_EQ(udp->CancelRecv(), 0);
   EXPECT_EQ(udp->CancelRecv(), 0);
   ASSERT_TRUE(peer.SendTo(local, "while disarmed"));
@@ -398,14 +398,14 @@ TEST_F(UdpTest, SinkMayReleaseTheLastReference) {
   // The second reference goes in OnSend, the last one in OnRecv.
   raw->AddRef();
   std::atomic<int> released{0};
-  sink->onSend = [&](int, IConstBuffer*, const IPEndPoint&, void*) {
+  sink->SetOnSend([&](int, IConstBuffer*, const IPEndPoint&, void*) {
     raw->Release();
     released++;
-  };
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void*) {
+  });
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void*) {
     raw->Release();
     released++;
-  };
+  });
   ASSERT_EQ(raw->Send(MakeBuffer("x"), peer.Address(), nullptr), 0);
   ASSERT_TRUE(zstest::WaitUntil([&] { return released.load() == 1; }));
   ASSERT_TRUE(peer.SendTo(local, "y"));

@@ -34,20 +34,33 @@ class RecordingSink : public zelsocket::RefCountBase, public zelsocket::IUdpSink
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
 
+  // The hook runs first, so that a test which saw the report also sees what
+  // the hook did.
   void OnSend(int status, zelsocket::IConstBuffer* buffer, const zelsocket::IPEndPoint& dest, void* ctx) override {
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_sends.push_back(UdpEvent{status, Bytes(buffer), dest, ctx, m_loop->IsLoopThread(), buffer->GetCapacity()});
-    }
-    if (onSend) onSend(status, buffer, dest, ctx);
+    UdpEvent event{status, Bytes(buffer), dest, ctx, m_loop->IsLoopThread(), buffer->GetCapacity()};
+    SendHook hook = Locked(m_onSend);
+    if (hook) hook(status, buffer, dest, ctx);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_sends.push_back(event);
   }
   void OnRecv(int status, zelsocket::IMutableBuffer* buffer, const zelsocket::IPEndPoint& from,
               void* ctx) override {
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_recvs.push_back(UdpEvent{status, Bytes(buffer), from, ctx, m_loop->IsLoopThread(), buffer->GetCapacity()});
-    }
-    if (onRecv) onRecv(status, buffer, from, ctx);
+    UdpEvent event{status, Bytes(buffer), from, ctx, m_loop->IsLoopThread(), buffer->GetCapacity()};
+    RecvHook hook = Locked(m_onRecv);
+    if (hook) hook(status, buffer, from, ctx);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_recvs.push_back(event);
+  }
+
+  using SendHook = std::function<void(int, zelsocket::IConstBuffer*, const zelsocket::IPEndPoint&, void*)>;
+  using RecvHook = std::function<void(int, zelsocket::IMutableBuffer*, const zelsocket::IPEndPoint&, void*)>;
+  void SetOnSend(SendHook hook) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_onSend = std::move(hook);
+  }
+  void SetOnRecv(RecvHook hook) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_onRecv = std::move(hook);
   }
 
   std::vector<UdpEvent> Sends() {
@@ -73,11 +86,13 @@ class RecordingSink : public zelsocket::RefCountBase, public zelsocket::IUdpSink
     return WaitUntil([&] { return RecvCount() >= n; });
   }
 
-  // Run on the loop thread after the report is recorded.
-  std::function<void(int, zelsocket::IConstBuffer*, const zelsocket::IPEndPoint&, void*)> onSend;
-  std::function<void(int, zelsocket::IMutableBuffer*, const zelsocket::IPEndPoint&, void*)> onRecv;
-
  private:
+  template <typename Hook>
+  Hook Locked(const Hook& hook) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return hook;
+  }
+
   static std::string Bytes(const zelsocket::IConstBuffer* b) {
     return b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength())
                               : std::string();
@@ -87,6 +102,8 @@ class RecordingSink : public zelsocket::RefCountBase, public zelsocket::IUdpSink
   std::mutex m_mutex;
   std::vector<UdpEvent> m_sends;
   std::vector<UdpEvent> m_recvs;
+  SendHook m_onSend;
+  RecvHook m_onRecv;
 };
 
 // A blocking datagram socket bound to a loopback address and a free port.

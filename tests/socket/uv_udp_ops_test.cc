@@ -87,9 +87,9 @@ TEST_F(UvUdpOpsTest, SendAllowsOneDatagramInFlight) {
   RefPtr<IMutableBuffer> data = MakeBuffer("first");
   std::vector<int> results;
   std::atomic<int> fromSink{99};
-  sink->onSend = [&](int, IConstBuffer*, const IPEndPoint&, void* ctx) {
+  sink->SetOnSend([&](int, IConstBuffer*, const IPEndPoint&, void* ctx) {
     if (ctx == Tag(1)) fromSink = sendOp->Send(handle, MakeBuffer("second"), peer.Address(), sink, Tag(2));
-  };
+  });
   OnLoop([&] {
     results.push_back(sendOp->Send(handle, data, IPEndPoint(IPAddress::Loopback, 0), sink, nullptr));
     results.push_back(sendOp->Send(nullptr, data, peer.Address(), sink, nullptr));
@@ -149,9 +149,9 @@ TEST_F(UvUdpOpsTest, CancelledSendCompletesWithoutReport) {
 TEST_F(UvUdpOpsTest, OneShotReceiveDeliversFromTheCallQueue) {
   RefPtr<IMutableBuffer> fresh = MakeBuffer("");
   std::vector<bool> activeInSink;
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void*) {
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void*) {
     activeInSink.push_back(uv_is_active(reinterpret_cast<uv_handle_t*>(handle)) != 0);
-  };
+  });
   std::vector<int> results;
   OnLoop([&] {
     results.push_back(recvOp->Recv(nullptr, false, fresh, sink, nullptr));
@@ -201,9 +201,9 @@ TEST_F(UvUdpOpsTest, ReceiveErrorsAreReported) {
   EXPECT_FALSE(Active());
 
   std::vector<bool> activeInSink;
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void*) {
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void*) {
     activeInSink.push_back(uv_is_active(reinterpret_cast<uv_handle_t*>(handle)) != 0);
-  };
+  });
   OnLoop([&] {
     ASSERT_EQ(recvOp->Recv(handle, true, buffer, sink, Tag(2)), 0);
     UvUdpRecv::_RecvCallback(handle, UV_ECONNREFUSED, nullptr, nullptr, 0);
@@ -237,13 +237,13 @@ TEST_F(UvUdpOpsTest, CancelDropsATakenDatagramAndFreesTheOpAtOnce) {
   EXPECT_EQ(sink->Recvs()[0].data, "real");
 
   // A continuous receive cancelled from inside its own report stops there.
-  sink->onRecv = [&](int, IMutableBuffer*, const IPEndPoint&, void*) { recvOp->Cancel(); };
+  sink->SetOnRecv([&](int, IMutableBuffer*, const IPEndPoint&, void*) { recvOp->Cancel(); });
   OnLoop([&] { ASSERT_EQ(recvOp->Recv(handle, true, first, sink, Tag(3)), 0); });
   ASSERT_TRUE(peer.SendTo(local, "one"));
   ASSERT_TRUE(peer.SendTo(local, "two"));
   ASSERT_TRUE(sink->WaitRecvs(2));
   EXPECT_FALSE(Active());
-  sink->onRecv = nullptr;
+  sink->SetOnRecv(nullptr);
   // "two" is still in the kernel and goes to whoever arms next.
   OnLoop([&] { ASSERT_EQ(recvOp->Recv(handle, false, second, sink, Tag(4)), 0); });
   ASSERT_TRUE(sink->WaitRecvs(3));
