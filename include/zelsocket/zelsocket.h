@@ -11,5 +11,6 @@
 #include "zelsocket/async.h"
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
+#include "zelsocket/work.h"
 
 #endif  // ZELSOCKET_ZELSOCKET_H
