@@ -12,5 +12,6 @@
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
 #include "zelsocket/work.h"
+#include "zelsocket/tcp.h"
 
 #endif  // ZELSOCKET_ZELSOCKET_H
