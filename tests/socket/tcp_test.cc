@@ -1,8 +1,17 @@
 // The TCP socket against real peers on loopback.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <fcntl.h>
 #include <uv.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -432,6 +441,142 @@ TEST_F(TcpTest, ReleaseWithoutCloseFromAnotherThreadClosesTheHandle) {
   EXPECT_TRUE(peer.WaitEof());
   zstest::Drain(loop);
   EXPECT_EQ(sink->Count(TcpEvent::kRecv), 0u);
+}
+
+// A real HTTP server, which nobody here wrote, serving files from a temporary
+// directory on 127.0.0.1.  The child is killed and reaped on every path.
+class HttpServer {
+ public:
+  HttpServer() {
+    char tmpl[] = "/tmp/zs_http_XXXXXX";
+    if (!mkdtemp(tmpl)) return;
+    m_dir = tmpl;
+    // The port is found free and handed over; if another process takes it in
+    // between, the server fails to bind and the next port is tried.
+    for (int attempt = 0; attempt < 5 && m_pid <= 0; ++attempt) {
+      unsigned short port = zstest::RefusedPort();
+      if (Spawn(port) && WaitAccepting(port)) {
+        m_port = port;
+      } else {
+        Kill();
+      }
+    }
+  }
+  ~HttpServer() {
+    Kill();
+    if (!m_dir.empty()) {
+      for (const std::string& f : m_files) std::remove((m_dir + "/" + f).c_str());
+      ::rmdir(m_dir.c_str());
+    }
+  }
+  unsigned short Port() const { return m_port; }
+  void AddFile(const std::string& name, const std::string& body) {
+    std::ofstream(m_dir + "/" + name, std::ios::binary) << body;
+    m_files.push_back(name);
+  }
+
+ private:
+  bool Spawn(unsigned short port) {
+    std::string portText = std::to_string(port);
+    const char* argv[] = {"python3", "-m", "http.server", portText.c_str(), "--bind", "127.0.0.1",
+                          "--directory", m_dir.c_str(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    int rc = posix_spawnp(&pid, "python3", &actions, nullptr, const_cast<char**>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) return false;
+    m_pid = pid;
+    return true;
+  }
+  bool WaitAccepting(unsigned short port) {
+    return zstest::WaitUntil(
+        [&] {
+          int status = 0;
+          if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_pid = -1;  // exited: the port was taken
+            return true;
+          }
+          int s = ::socket(AF_INET, SOCK_STREAM, 0);
+          sockaddr_in a{};
+          a.sin_family = AF_INET;
+          a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+          a.sin_port = htons(port);
+          bool ok = ::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+          ::close(s);
+          return ok;
+        },
+        std::chrono::milliseconds(15000)) &&
+           m_pid > 0;
+  }
+  void Kill() {
+    if (m_pid > 0) {
+      ::kill(m_pid, SIGKILL);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+    m_pid = -1;
+  }
+
+  std::string m_dir;
+  std::vector<std::string> m_files;
+  pid_t m_pid = -1;
+  unsigned short m_port = 0;
+};
+
+std::string RandomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string out(n, '\0');
+  for (char& c : out) c = static_cast<char>(gen() & 0xff);
+  return out;
+}
+
+TEST_F(TcpTest, FetchesFilesFromARealHttpServer) {
+  HttpServer server;
+  ASSERT_NE(server.Port(), 0) << "python3 -m http.server did not start";
+  const std::string small = RandomBytes(1500, 1);
+  const std::string large = RandomBytes(10 * 1024 * 1024, 2);
+  server.AddFile("small.bin", small);
+  server.AddFile("large.bin", large);
+
+  for (const auto& file : {std::make_pair(std::string("small.bin"), small), std::make_pair(std::string("large.bin"), large)}) {
+    RefPtr<RecordingSink> s;
+    s.Attach(new RecordingSink());
+    RefPtr<ITcp> client;
+    ASSERT_TRUE(CreateTcp(client, &loop));
+    client->SetSink(s);
+    // Reads are re-armed from inside each report until the server closes.
+    std::string response;
+    std::promise<int> done;
+    s->hook = [&](const TcpEvent& e) {
+      if (e.kind != TcpEvent::kRecv) return;
+      if (e.status != 0 || e.data.empty()) {
+        done.set_value(e.status);
+        return;
+      }
+      response += e.data;
+      client->Recv(EmptyBuffer(), nullptr);
+    };
+    ASSERT_EQ(client->Connect(IPEndPoint("127.0.0.1", server.Port()), nullptr), 0);
+    ASSERT_TRUE(s->WaitFor(TcpEvent::kConnect, 1));
+    ASSERT_EQ(s->Of(TcpEvent::kConnect)[0].status, 0);
+    std::string request = "GET /" + file.first + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    ASSERT_EQ(client->Send(MakeBuffer(request), nullptr), 0);
+    ASSERT_EQ(client->Recv(EmptyBuffer(), nullptr), 0);
+    std::future<int> result = done.get_future();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(result.get(), 0);
+    client->Close();
+    std::size_t headerEnd = response.find("\r\n\r\n");
+    ASSERT_NE(headerEnd, std::string::npos);
+    EXPECT_NE(response.substr(0, headerEnd).find(" 200 "), std::string::npos) << response.substr(0, headerEnd);
+    std::string body = response.substr(headerEnd + 4);
+    EXPECT_EQ(body.size(), file.second.size());
+    EXPECT_TRUE(body == file.second) << file.first;
+    ASSERT_EQ(s->Count(TcpEvent::kSend), 1u);
+    EXPECT_EQ(s->Of(TcpEvent::kSend)[0].status, 0);
+  }
 }
 
 TEST(UvTcpTest, OwnsWhatItCreatesAndBorrowsWhatItIsGiven) {
