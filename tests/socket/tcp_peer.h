@@ -219,18 +219,24 @@ class RecordingSink : public zelsocket::RefCountBase, public zelsocket::ITcpSink
     return WaitUntil([&] { return Count(kind) >= n; }, std::chrono::milliseconds(timeoutMs));
   }
 
-  std::function<void(const TcpEvent&)> hook;
+  void SetHook(std::function<void(const TcpEvent&)> fn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hook = std::move(fn);
+  }
 
  private:
   void Add(const TcpEvent& e) {
+    std::function<void(const TcpEvent&)> hook;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_events.push_back(e);
+      hook = m_hook;
     }
     if (hook) hook(e);
   }
   std::mutex m_mutex;
   std::vector<TcpEvent> m_events;
+  std::function<void(const TcpEvent&)> m_hook;
 };
 
 // Blocks until everything queued on `loop` before this call has run.

@@ -338,9 +338,9 @@ TEST_F(TcpTest, CloseSilencesEverythingAndTheSocketCanBeReopened) {
 TEST_F(TcpTest, CloseFromInsideOnSendAndOnRecvIsSafe) {
   TcpPeer peer;
   ConnectTo(peer);
-  sink->hook = [&](const TcpEvent& e) {
+  sink->SetHook([&](const TcpEvent& e) {
     if (e.kind == TcpEvent::kSend && e.ctx == Ctx(1)) tcp->Close();
-  };
+  });
   ASSERT_EQ(tcp->Send(MakeBuffer("one"), Ctx(1)), 0);
   ASSERT_EQ(tcp->Send(MakeBuffer("two"), Ctx(2)), 0);
   ASSERT_EQ(tcp->Send(MakeBuffer("three"), Ctx(3)), 0);
@@ -352,9 +352,9 @@ TEST_F(TcpTest, CloseFromInsideOnSendAndOnRecvIsSafe) {
   // Reconnect and close from inside the first of two receives.
   RefPtr<RecordingSink> second;
   second.Attach(new RecordingSink());
-  second->hook = [&](const TcpEvent& e) {
+  second->SetHook([&](const TcpEvent& e) {
     if (e.kind == TcpEvent::kRecv) tcp->Close();
-  };
+  });
   tcp->SetSink(second);
   TcpPeer peer2;
   ASSERT_EQ(tcp->Connect(peer2.EndPoint(), Ctx(4)), 0);
@@ -407,9 +407,9 @@ TEST_F(TcpTest, SinkReleasingTheLastReferenceInsideCallbacks) {
     ASSERT_TRUE(CreateTcp(&raw, &loop));
     raw->SetSink(s);
     std::atomic<bool> released{false};
-    s->hook = [&, kind](const TcpEvent& e) {
+    s->SetHook([&, kind](const TcpEvent& e) {
       if (e.kind == kind && !released.exchange(true)) raw->Release();
-    };
+    });
     ASSERT_EQ(raw->Connect(peer.EndPoint(), Ctx(1)), 0);
     ASSERT_TRUE(peer.Accept());
     if (kind != TcpEvent::kConnect) {
@@ -549,7 +549,7 @@ TEST_F(TcpTest, FetchesFilesFromARealHttpServer) {
     // Reads are re-armed from inside each report until the server closes.
     std::string response;
     std::promise<int> done;
-    s->hook = [&](const TcpEvent& e) {
+    s->SetHook([&](const TcpEvent& e) {
       if (e.kind != TcpEvent::kRecv) return;
       if (e.status != 0 || e.data.empty()) {
         done.set_value(e.status);
@@ -557,7 +557,7 @@ TEST_F(TcpTest, FetchesFilesFromARealHttpServer) {
       }
       response += e.data;
       client->Recv(EmptyBuffer(), nullptr);
-    };
+    });
     ASSERT_EQ(client->Connect(IPEndPoint("127.0.0.1", server.Port()), nullptr), 0);
     ASSERT_TRUE(s->WaitFor(TcpEvent::kConnect, 1));
     ASSERT_EQ(s->Of(TcpEvent::kConnect)[0].status, 0);
