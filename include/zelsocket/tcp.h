@@ -93,7 +93,9 @@ class ZELSOCKET_API ITcp : public IRefCount {
 };
 
 // Creates a closed socket on `loop` (null: IOLoop::GetLoop(), resolved once).
-// The caller owns the one reference.  False only for a null `out`.
+// The caller owns the one reference.  False only for a null `out`.  Releasing
+// the last reference of an open socket closes it like Close (blocking on the
+// loop when it happens on another thread); stop the loop only after that.
 ZELSOCKET_API bool CreateTcp(ITcp** out, IOLoop* loop = nullptr);
 // Releases what `out` held, then stores the new socket with its first reference.
 ZELSOCKET_API bool CreateTcp(RefPtr<ITcp>& out, IOLoop* loop = nullptr);

@@ -5,7 +5,9 @@
 // once (jobs may overlap and report in any order); SequenceWork hands over one
 // job at a time, so that work 1, after-work 1, work 2, after-work 2 ... follow
 // strictly one after another.  Both share the process-wide pool of libuv: long
-// work functions hold up other jobs of the process.
+// work functions hold up other jobs of the process.  When the loop stops, jobs
+// that have not reported are released without calling either function (a
+// running work function still runs to its end).
 #ifndef ZELSOCKET_WORK_H
 #define ZELSOCKET_WORK_H
 
