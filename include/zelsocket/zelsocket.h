@@ -11,8 +11,10 @@
 #include "zelsocket/async.h"
 #include "zelsocket/timer.h"
 #include "zelsocket/ip_address.h"
+#include "zelsocket/work.h"
 #include "zelsocket/host_resolve.h"
 #include "zelsocket/udp.h"
+#include "zelsocket/tcp.h"
 #include "zelsocket/channel_option.h"
 #include "zelsocket/channel.h"
 

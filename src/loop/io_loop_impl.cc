@@ -122,6 +122,7 @@ int IOLoopImpl::Stop() {
   if (Loop() != nullptr && !IsLoopThread() && !(m_flags.fetch_or(kStopping) & kStopping)) {
     uv_async_send(m_stopAsync);
     uv_thread_join(&m_thread);
+    m_stopAsync = nullptr;
     m_thread = uv_thread_t{};
     m_threadId.store(uv_thread_t{});
     uv_loop_t* loop = Loop();
@@ -138,7 +139,9 @@ int IOLoopImpl::Stop() {
 
 void IOLoopImpl::_OnAsyncStop_Static(uv_async_t* handle) {
   auto* self = static_cast<IOLoopImpl*>(handle->data);
-  CloseHandle(self->m_stopAsync);
+  // Stop reads the pointer to wake this handle; it clears it after the join, so
+  // the two threads never write and read it at the same time.
+  uv_close(reinterpret_cast<uv_handle_t*>(self->m_stopAsync), FreeHandle);
   self->_AsyncStop();
 }
 

@@ -1,0 +1,238 @@
+// The three TCP operations on a raw libuv handle, driven on the loop thread.
+#include <gtest/gtest.h>
+#include <uv.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "socket/tcp_peer.h"
+#include "socket/uv_tcp_connect.h"
+#include "socket/uv_tcp_recv.h"
+#include "socket/uv_tcp_send.h"
+#include "support/test_support.h"
+#include "zelsocket/buffer.h"
+#include "zelsocket/io_loop.h"
+
+using zelsocket::CreateBuffer;
+using zelsocket::IMutableBuffer;
+using zelsocket::IOLoop;
+using zelsocket::IPEndPoint;
+using zelsocket::LOG_LEVEL_ERROR;
+using zelsocket::LOG_LEVEL_INFO;
+using zelsocket::RefPtr;
+using zelsocket::UvTcpConnect;
+using zelsocket::UvTcpRecv;
+using zelsocket::UvTcpSend;
+using zstest::RecordingSink;
+using zstest::TcpEvent;
+using zstest::TcpPeer;
+
+namespace {
+
+void* Ctx(long n) { return reinterpret_cast<void*>(n); }
+
+class UvTcpOpsTest : public ::testing::Test {
+ public:  // reached from libuv callbacks in the tests
+  void SetUp() override {
+    ASSERT_EQ(loop.Start(), 0);
+    sink.Attach(new RecordingSink());
+    connectOp.Attach(new UvTcpConnect());
+    sendOp.Attach(new UvTcpSend());
+    recvOp.Attach(new UvTcpRecv());
+    OnLoop([&] {
+      handle = static_cast<uv_tcp_t*>(std::calloc(1, sizeof(uv_tcp_t)));
+      uv_tcp_init(loop.Loop(), handle);
+    });
+  }
+  void TearDown() override {
+    OnLoop([&] {
+      recvOp->Cancel();
+      sendOp->Cancel();
+      connectOp->Cancel();
+      CloseHandle();
+    });
+    zstest::Drain(loop);
+    // The ops' records go when libuv has reported the end of their requests.
+    connectOp = nullptr;
+    sendOp = nullptr;
+    recvOp = nullptr;
+    loop.Stop();
+  }
+
+  void OnLoop(const std::function<void()>& fn) { ASSERT_EQ(loop.SyncCall(fn), 0); }
+  void CloseHandle() {
+    if (handle) uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* h) { std::free(h); });
+    handle = nullptr;
+  }
+  uv_stream_t* Stream() { return reinterpret_cast<uv_stream_t*>(handle); }
+
+  void Connect(TcpPeer& peer) {
+    ASSERT_TRUE(peer.Ok());
+    bool started = false;
+    OnLoop([&] { started = connectOp->Connect(handle, peer.EndPoint(), Ctx(1), sink); });
+    ASSERT_TRUE(started);
+    ASSERT_TRUE(peer.Accept());
+    ASSERT_TRUE(sink->WaitFor(TcpEvent::kConnect, 1));
+    ASSERT_EQ(sink->Of(TcpEvent::kConnect)[0].status, 0);
+  }
+
+  static RefPtr<IMutableBuffer> Buffer(const std::string& data = std::string()) {
+    RefPtr<IMutableBuffer> b;
+    CreateBuffer(b);
+    if (!data.empty()) b->CopyFrom(data.data(), static_cast<int>(data.size()));
+    return b;
+  }
+
+  IOLoop loop;
+  uv_tcp_t* handle = nullptr;
+  RefPtr<RecordingSink> sink;
+  RefPtr<UvTcpConnect> connectOp;
+  RefPtr<UvTcpSend> sendOp;
+  RefPtr<UvTcpRecv> recvOp;
+};
+
+TEST_F(UvTcpOpsTest, ConnectRefusesBadArgumentsAndASecondAttempt) {
+  zstest::LogRecorder log;
+  TcpPeer peer;
+  bool results[4] = {true, true, true, true};
+  OnLoop([&] {
+    results[0] = connectOp->Connect(handle, IPEndPoint("127.0.0.1", 0), nullptr, sink);
+    results[1] = connectOp->Connect(nullptr, peer.EndPoint(), nullptr, sink);
+    results[2] = connectOp->Connect(handle, peer.EndPoint(), nullptr, nullptr);
+    results[3] = connectOp->IsBusy();
+  });
+  for (bool r : results) EXPECT_FALSE(r);
+  EXPECT_EQ(log.Count("UvTcpConnect::Connect, Invalid Args."), 3);
+
+  bool first = false, second = true;
+  OnLoop([&] {
+    first = connectOp->Connect(handle, peer.EndPoint(), Ctx(1), sink);
+    second = connectOp->Connect(handle, peer.EndPoint(), Ctx(2), sink);
+  });
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(second);
+  EXPECT_TRUE(log.Has(LOG_LEVEL_INFO, "op", "Connect, ctx not null, in process."));
+  ASSERT_TRUE(peer.Accept());
+  ASSERT_TRUE(sink->WaitFor(TcpEvent::kConnect, 1));
+  zstest::Drain(loop);
+  std::vector<TcpEvent> c = sink->Of(TcpEvent::kConnect);
+  ASSERT_EQ(c.size(), 1u);
+  EXPECT_EQ(c[0].status, 0);
+  EXPECT_EQ(c[0].ctx, Ctx(1));
+  EXPECT_EQ(c[0].port, peer.Port());
+}
+
+TEST_F(UvTcpOpsTest, CancelledConnectStaysBusyUntilLibuvReports) {
+  zstest::LogRecorder log;
+  TcpPeer peer;
+  bool started = false, again = true;
+  OnLoop([&] {
+    started = connectOp->Connect(handle, peer.EndPoint(), Ctx(1), sink);
+    connectOp->Cancel();
+    connectOp->Cancel();  // twice is harmless
+    again = connectOp->Connect(handle, peer.EndPoint(), Ctx(2), sink);
+    // The handle closes with the request in flight; libuv ends it then.
+    CloseHandle();
+  });
+  EXPECT_TRUE(started);
+  EXPECT_FALSE(again);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return log.Count("UvTcpConnect::_OnConnect, canceled.") == 1; }));
+  EXPECT_TRUE(log.Has(LOG_LEVEL_INFO, "op", "UvTcpConnect::_OnConnect, canceled."));
+  bool busy = true;
+  OnLoop([&] { busy = connectOp->IsBusy(); });
+  EXPECT_FALSE(busy);
+  EXPECT_EQ(sink->Count(TcpEvent::kConnect), 0u);
+}
+
+TEST_F(UvTcpOpsTest, CancelledWriteHoldsItsBufferUntilTheReport) {
+  zstest::LogRecorder log;
+  TcpPeer peer;
+  Connect(peer);
+  RefPtr<IMutableBuffer> data = Buffer("payload");
+  int rc = -2, busyRc = -2, nullRc = -2, countAfterCancel = 0;
+  OnLoop([&] {
+    nullRc = sendOp->Send(Stream(), nullptr, Ctx(1), sink);
+    rc = sendOp->Send(Stream(), data, Ctx(1), sink);
+    busyRc = sendOp->Send(Stream(), data, Ctx(2), sink);
+    sendOp->Cancel();
+    countAfterCancel = data->AddRef() - 1;  // the record still holds it
+    data->Release();
+  });
+  EXPECT_EQ(nullRc, -1);
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(busyRc, -1);
+  EXPECT_TRUE(log.Has(LOG_LEVEL_INFO, "op", "UvTcpSend::Send, in progress."));
+  EXPECT_EQ(countAfterCancel, 2);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return log.Has(LOG_LEVEL_ERROR, "op", "UvTcpSend::_OnSend, canceled."); }));
+  int countAfterReport = 0;
+  bool busy = true;
+  OnLoop([&] {
+    busy = sendOp->IsBusy();
+    countAfterReport = data->AddRef() - 1;
+    data->Release();
+  });
+  EXPECT_FALSE(busy);
+  EXPECT_EQ(countAfterReport, 1);
+  EXPECT_EQ(sink->Count(TcpEvent::kSend), 0u);
+  EXPECT_EQ(peer.Read(7), "payload");  // the write itself went ahead
+}
+
+// A check handle runs after the poll phase of the same loop iteration in which
+// the read callback stopped the read, before the posted delivery can run.
+TEST_F(UvTcpOpsTest, CancelBetweenReadAndDeliveryDropsTheBytes) {
+  TcpPeer peer;
+  Connect(peer);
+  struct State {
+    UvTcpOpsTest* test;
+    bool cancelled = false;
+    int rearm = -2;
+  } state{this};
+  uv_check_t check;
+  OnLoop([&] {
+    uv_check_init(loop.Loop(), &check);
+    check.data = &state;
+    uv_check_start(&check, [](uv_check_t* h) {
+      auto* st = static_cast<State*>(h->data);
+      UvTcpOpsTest* t = st->test;
+      if (st->cancelled || !t->recvOp->IsBusy() || uv_is_active(reinterpret_cast<uv_handle_t*>(t->handle))) return;
+      t->recvOp->Cancel();
+      st->cancelled = true;
+      st->rearm = t->recvOp->Recv(t->Stream(), Buffer(), Ctx(2), t->sink);
+    });
+    ASSERT_EQ(recvOp->Recv(Stream(), Buffer(), Ctx(1), sink), 0);
+  });
+  ASSERT_TRUE(peer.Write("lost"));
+  ASSERT_TRUE(zstest::WaitUntil([&] {
+    bool done = false;
+    loop.SyncCall([&] { done = state.cancelled; });
+    return done;
+  }));
+  EXPECT_EQ(state.rearm, 0);
+  ASSERT_TRUE(peer.Write("kept"));
+  ASSERT_TRUE(sink->WaitFor(TcpEvent::kRecv, 1));
+  OnLoop([&] { uv_close(reinterpret_cast<uv_handle_t*>(&check), nullptr); });
+  zstest::Drain(loop);
+  std::vector<TcpEvent> recvs = sink->Of(TcpEvent::kRecv);
+  ASSERT_EQ(recvs.size(), 1u);
+  EXPECT_EQ(recvs[0].ctx, Ctx(2));
+  EXPECT_EQ(recvs[0].data, "kept");  // what arrived, without waiting to fill the buffer
+
+  // A read while one is armed is refused; end of stream is status 0, length 0.
+  RefPtr<IMutableBuffer> last = Buffer("old bytes");
+  int rc = -2, busyRc = -2;
+  zstest::LogRecorder log;
+  OnLoop([&] {
+    rc = recvOp->Recv(Stream(), last, Ctx(3), sink);
+    busyRc = recvOp->Recv(Stream(), last, Ctx(4), sink);
+  });
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(busyRc, -1);
+  EXPECT_TRUE(log.Has(LOG_LEVEL_ERROR, "op", "UvTcpRecv::Recv, in progress."));
+  peer.CloseConn();
+  ASSERT_TRUE(sink->WaitFor(TcpEvent::kRecv, 2));
+  EXPECT_EQ(sink->Of(TcpEvent::kRecv)[1].status, 0);
+  EXPECT_EQ(last->GetLength(), 0);
+  EXPECT_GE(last->GetCapacity(), 65536);  // grown to what libuv suggested
+}
+
+}  // namespace
