@@ -18,7 +18,7 @@ namespace zelsocket {
 namespace {
 
 using zstest::RawPeer;
-using zstest::RecordingSink;
+using zstest::UdpRecordingSink;
 using zstest::UdpEvent;
 
 RefPtr<IMutableBuffer> MakeBuffer(const std::string& data) {
@@ -37,10 +37,10 @@ class UdpTest : public ::testing::Test {
 
   void OnLoop(const std::function<void()>& fn) { ASSERT_EQ(loop.SyncCall(fn), 0); }
 
-  RefPtr<IUdp> NewUdp(RefPtr<RecordingSink>* sink) {
+  RefPtr<IUdp> NewUdp(RefPtr<UdpRecordingSink>* sink) {
     RefPtr<IUdp> udp;
     EXPECT_TRUE(CreateUdp(udp, &loop));
-    sink->Attach(new RecordingSink(&loop));
+    sink->Attach(new UdpRecordingSink(&loop));
     udp->SetSink(*sink);
     return udp;
   }
@@ -55,7 +55,7 @@ TEST_P(UdpFamilyTest, ExchangesDatagramsFromTheLoopThreadAndOthers) {
   const char* address = GetParam();
   RawPeer peer(address);
   ASSERT_TRUE(peer.Address().IsValid());
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   ASSERT_EQ(udp->Open(IPEndPoint(IPAddress(address), 0)), 0);
   EXPECT_TRUE(udp->IsOpen());
@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Loopback, UdpFamilyTest, ::testing::Values("127.0.0.1",
 
 TEST_F(UdpTest, FirstSendOpensAnIPv4SocketOnAFreePort) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   IPEndPoint local;
   EXPECT_FALSE(udp->IsOpen());
@@ -159,7 +159,7 @@ TEST_F(UdpTest, FirstSendOpensAnIPv4SocketOnAFreePort) {
 
 TEST_F(UdpTest, ReceiveOffersTheBufferCapacityAndSkipsEmptyDatagrams) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
   IPEndPoint local;
@@ -191,9 +191,9 @@ TEST_F(UdpTest, ReceiveOffersTheBufferCapacityAndSkipsEmptyDatagrams) {
 
 TEST_F(UdpTest, SendQueueAcceptsWhileAtMostTheLimitIsQueued) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
-  RefPtr<RecordingSink> inSink;
+  RefPtr<UdpRecordingSink> inSink;
   RefPtr<IUdp> receiver = NewUdp(&inSink);
   ASSERT_EQ(receiver->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
   IPEndPoint dest;
@@ -274,7 +274,7 @@ TEST_F(UdpTest, SendQueueAcceptsWhileAtMostTheLimitIsQueued) {
 
 TEST_F(UdpTest, OneReceiveAtATime) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   RefPtr<IMutableBuffer> a = MakeBuffer(""), b = MakeBuffer(""), c = MakeBuffer(""), d = MakeBuffer("");
 
@@ -341,7 +341,7 @@ TEST_F(UdpTest, OneReceiveAtATime) {
 
 TEST_F(UdpTest, CloseSilencesEveryReport) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   RefPtr<IMutableBuffer> inbox = MakeBuffer("");
   ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
@@ -384,7 +384,7 @@ TEST_F(UdpTest, CloseSilencesEveryReport) {
 
 TEST_F(UdpTest, SinkMayReleaseTheLastReference) {
   RawPeer peer;
-  RefPtr<RecordingSink> sink(new RecordingSink(&loop));
+  RefPtr<UdpRecordingSink> sink(new UdpRecordingSink(&loop));
   sink->Release();
   IUdp* raw = nullptr;
   ASSERT_TRUE(CreateUdp(&raw, &loop));
@@ -418,7 +418,7 @@ TEST_F(UdpTest, SinkMayReleaseTheLastReference) {
 }
 
 TEST_F(UdpTest, BadInputGivesItsResultAndNoReport) {
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   RefPtr<IUdp> udp = NewUdp(&sink);
   RefPtr<IMutableBuffer> buffer = MakeBuffer("data");
   const IPEndPoint portZero(IPAddress::Loopback, 0);

@@ -28,9 +28,9 @@ struct UdpEvent {
   int capacity;
 };
 
-class RecordingSink : public zelsocket::RefCountBase, public zelsocket::IUdpSink {
+class UdpRecordingSink : public zelsocket::RefCountBase, public zelsocket::IUdpSink {
  public:
-  explicit RecordingSink(zelsocket::IOLoop* loop) : m_loop(loop) {}
+  explicit UdpRecordingSink(zelsocket::IOLoop* loop) : m_loop(loop) {}
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
 

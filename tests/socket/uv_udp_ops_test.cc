@@ -16,7 +16,7 @@ namespace zelsocket {
 namespace {
 
 using zstest::RawPeer;
-using zstest::RecordingSink;
+using zstest::UdpRecordingSink;
 using zstest::UdpEvent;
 
 void* Tag(int n) { return reinterpret_cast<void*>(static_cast<intptr_t>(n)); }
@@ -39,7 +39,7 @@ class UvUdpOpsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(loop.Start(), 0);
-    sink.Attach(new RecordingSink(&loop));
+    sink.Attach(new UdpRecordingSink(&loop));
     OnLoop([&] {
       handle = static_cast<uv_udp_t*>(std::calloc(1, sizeof(uv_udp_t)));
       ASSERT_EQ(uv_udp_init(loop.Loop(), handle), 0);
@@ -75,7 +75,7 @@ class UvUdpOpsTest : public ::testing::Test {
 
   IOLoop loop;
   zstest::LogRecorder log;
-  RefPtr<RecordingSink> sink;
+  RefPtr<UdpRecordingSink> sink;
   uv_udp_t* handle = nullptr;
   IPEndPoint local;
   RefPtr<UvUdpSend> sendOp;
