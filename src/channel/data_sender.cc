@@ -77,7 +77,8 @@ void DataSender::_Schedule(Packet* packet) {
   if (packet->retry < packet->option->GetSendCount()) {
     due = now + static_cast<std::int64_t>(packet->option->GetSendInterval(packet->retry));
   }
-  m_schedule.push_back(ScheduleEntry{packet->cookie, due});
+  packet->entry = ++m_nextSerial;
+  m_schedule.push_back(ScheduleEntry{packet->cookie, packet->entry, due});
   std::push_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
 }
 
@@ -106,20 +107,24 @@ bool DataSender::_CheckSchedule(Packet** expired) {
   while (!m_schedule.empty()) {
     if (m_schedule.front().due > now) return false;
     std::pop_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
-    std::uint32_t cookie = m_schedule.back().cookie;
+    ScheduleEntry entry = m_schedule.back();
     m_schedule.pop_back();
-    auto it = m_packets.find(cookie);
-    if (it == m_packets.end()) continue;  // stale: cancelled since it was scheduled
-    Packet* packet = it->second;
+    Packet* packet = _Live(entry);
+    if (!packet) continue;  // stale: its packet ended since it was scheduled
     ++packet->retry;
     if (packet->retry >= packet->option->GetSendCount()) {
-      m_packets.erase(it);
+      m_packets.erase(entry.cookie);
       *expired = packet;
       return !m_schedule.empty();
     }
     _SendOnce(packet);
   }
   return false;
+}
+
+Packet* DataSender::_Live(const ScheduleEntry& entry) {
+  auto it = m_packets.find(entry.cookie);
+  return it != m_packets.end() && it->second->entry == entry.serial ? it->second : nullptr;
 }
 
 void DataSender::_OnPacketTimeout(Packet* packet) {
@@ -209,8 +214,7 @@ void DataSender::_ResendAllPacketsWhenResumeFromPause() {
   LogInfo(tag::kDataSender, "DataSender::_ResendAllPacketsWhenResumeFromPause, queue-count=%u, packet-count=%u",
           static_cast<unsigned>(entries.size()), static_cast<unsigned>(m_packets.size()));
   for (const ScheduleEntry& entry : entries) {
-    auto it = m_packets.find(entry.cookie);
-    if (it != m_packets.end()) _SendOnce(it->second);
+    if (Packet* packet = _Live(entry)) _SendOnce(packet);
   }
   _StartTimer();
 }

@@ -43,6 +43,7 @@ struct Packet {
   std::uint64_t createTick = 0;
   std::int64_t createTime = 0;
   std::vector<std::int64_t> sendTimes;  // wall clock of each pass, oldest first
+  std::uint64_t entry = 0;              // serial of its one live heap entry
 };
 
 class IDataSenderSink {
@@ -87,8 +88,11 @@ class DataSender {
   void RunPassForTesting() { _OnTimer(); }
 
  private:
+  // A cookie alone does not identify an entry: a cookie may come back after
+  // its packet ended, and must not revive the old packet's stale entries.
   struct ScheduleEntry {
     std::uint32_t cookie;
+    std::uint64_t serial;
     std::uint64_t due;
   };
   struct LaterDue {
@@ -111,6 +115,9 @@ class DataSender {
   WallClockSource m_wallClock;
   std::map<std::uint32_t, Packet*> m_packets;
   std::vector<ScheduleEntry> m_schedule;  // min-heap on due
+  std::uint64_t m_nextSerial = 0;
+  // The packet that `entry` schedules, or null when the entry is stale.
+  Packet* _Live(const ScheduleEntry& entry);
   Timer m_timer;
   Async m_async;
   std::map<std::uint32_t, Packet*> m_timeoutPackets;
