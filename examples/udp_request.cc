@@ -5,7 +5,6 @@
 // a share of what it receives, so that retransmission shows), sends N requests
 // with a schedule, matches answers to requests by their id bytes, cancels the
 // answered cookies, and prints one line per request and a summary.
-#include <zelsocket/udp.h>
 #include <zelsocket/zelsocket.h>
 
 #include <algorithm>

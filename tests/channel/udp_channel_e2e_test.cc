@@ -229,6 +229,38 @@ TEST_F(ChannelE2ETest, DefaultScheduleTimesOutAfterFifteenSeconds) {
   EXPECT_EQ(3, sink->Count("send:"));
 }
 
+// The last reference goes on the test thread while answers, send reports and
+// retransmissions are in flight on the loop thread.
+TEST_F(ChannelE2ETest, ReleaseOnAnotherThreadWhileTrafficFlows) {
+  zstest::LogRecorder log;
+  DroppingResponder echo(0);
+  RefPtr<IChannelSendOption> o = Schedule({5, 5, 5, 5, 5, 5, 5, 5});
+  for (int round = 0; round < 20; ++round) {
+    RefPtr<IChannel> c;
+    ASSERT_TRUE(CreateUdpChannel(c, &loop));
+    RefPtr<zstest::ChannelSink> s;
+    s.Attach(new zstest::ChannelSink());
+    c->SetSink(s);
+    ASSERT_EQ(0, c->Connect("127.0.0.1", echo.Port(), nullptr));
+    ASSERT_TRUE(s->WaitCount("connect:0", 1));
+    for (int i = 0; i < 20; ++i) {
+      unsigned int cookie = 0;
+      RefPtr<IConstBuffer> b = Bytes("abcd", 4);
+      ASSERT_EQ(0, c->Send(b, o, cookie));
+    }
+    if (round % 2) ASSERT_TRUE(s->WaitCount("recv:", 1));
+    // Sends still queued for the loop hold the channel; it dies with the last
+    // of them, or here.  Once the queue has been run through, it is gone and
+    // silent.
+    c = nullptr;
+    ASSERT_EQ(0, loop.SyncCall([] {}));
+    EXPECT_EQ(round + 1, log.Count("UdpChannelImpl::_CloseSocket, forceAllTimeout=0, notifyOnClose=0"));
+    size_t events = s->Events().size();
+    ASSERT_EQ(0, loop.SyncCall([] {}));
+    EXPECT_EQ(events, s->Events().size());
+  }
+}
+
 TEST(UdpChannelNetnsChild, ConnectsByNameThroughTheNamespaceDnsServer) {
   if (!zstest::InNamespaceChild()) GTEST_SKIP() << "runs only as the child of UdpChannelNetns";
   zstest::ChildProcess dnsmasq;
