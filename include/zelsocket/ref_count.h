@@ -42,6 +42,10 @@ class ZELSOCKET_API RefCountBase {
  protected:
   int InternalAddRef();
   int InternalRelease();
+  // Adds a reference only while one is still held by someone (count above 0).
+  // A completion that reaches an object whose last reference is already gone,
+  // while its destructor is on the way, gets false and must leave it alone.
+  bool InternalTryAddRef();
 
  private:
   std::atomic<int> _count;

@@ -32,6 +32,12 @@ UdpImpl::~UdpImpl() {
   }
 }
 
+bool UdpImpl::_Keep(RefPtr<UdpImpl>& keep) {
+  if (!InternalTryAddRef()) return false;
+  keep.Attach(this);
+  return true;
+}
+
 bool UdpImpl::_RunBlocking(const std::function<void()>& fn) {
   if (m_loop->IsLoopThread()) {
     fn();
@@ -176,10 +182,12 @@ void UdpImpl::_OnSend(int status, IConstBuffer* buffer, const IPEndPoint& dest, 
 
 void UdpImpl::_ReportSend(bool fromOp, int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  // The sink may release the last reference to this socket; and a socket whose
+  // last reference is gone is being torn down: it reports nothing more.
+  RefPtr<UdpImpl> keep;
+  if (!_Keep(keep)) return;
   if (fromOp) m_flags.ResetFlag(kSending);
   if (status != 0) LogInfo(tag::kUdp, "UvUdpImpl::_OnSend, Send Fail, ret=%d", status);
-  // The sink may release the last reference to this socket.
-  RefPtr<UdpImpl> keep(this);
   _SendQueueData();
   if (m_sink) {
     RefPtr<IUdpSink> sink = m_sink;
@@ -243,9 +251,10 @@ void UdpImpl::_OnRecv(int status, IMutableBuffer* buffer, const IPEndPoint& from
 
 void UdpImpl::_ReportRecv(bool fromOp, int status, IMutableBuffer* buffer, const IPEndPoint& from, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  RefPtr<UdpImpl> keep;
+  if (!_Keep(keep)) return;
   // After a one-shot receive the sink may arm the next one from inside the call.
   if (fromOp && !m_flags.IsFlagOn(kContinuous)) m_flags.ResetFlag(kReceiving);
-  RefPtr<UdpImpl> keep(this);
   if (m_sink) {
     RefPtr<IUdpSink> sink = m_sink;
     sink->OnRecv(status, buffer, from, ctx);
