@@ -334,9 +334,13 @@ TEST_F(TcpTest, CloseFromInsideOnSendAndOnRecvIsSafe) {
   sink->SetHook([&](const TcpEvent& e) {
     if (e.kind == TcpEvent::kSend && e.ctx == Ctx(1)) tcp->Close();
   });
-  ASSERT_EQ(tcp->Send(MakeBuffer("one"), Ctx(1)), 0);
-  ASSERT_EQ(tcp->Send(MakeBuffer("two"), Ctx(2)), 0);
-  ASSERT_EQ(tcp->Send(MakeBuffer("three"), Ctx(3)), 0);
+  // Queued from the loop thread, so that no report (and no Close) can come
+  // between them and reopen the socket through the next Send.
+  loop.SyncCall([&] {
+    EXPECT_EQ(tcp->Send(MakeBuffer("one"), Ctx(1)), 0);
+    EXPECT_EQ(tcp->Send(MakeBuffer("two"), Ctx(2)), 0);
+    EXPECT_EQ(tcp->Send(MakeBuffer("three"), Ctx(3)), 0);
+  });
   ASSERT_TRUE(sink->WaitFor(TcpEvent::kSend, 1));
   zstest::Drain(loop);
   EXPECT_FALSE(tcp->IsOpen());
@@ -408,8 +412,12 @@ TEST_F(TcpTest, SinkReleasingTheLastReferenceInsideCallbacks) {
     if (kind != TcpEvent::kConnect) {
       ASSERT_TRUE(s->WaitFor(TcpEvent::kConnect, 1));
       if (kind == TcpEvent::kSend) {
-        ASSERT_EQ(raw->Send(MakeBuffer("x"), Ctx(2)), 0);
-        ASSERT_EQ(raw->Send(MakeBuffer("y"), Ctx(3)), 0);
+        // From the loop thread: the first report must not release the socket
+        // while this thread is still calling it.
+        loop.SyncCall([&] {
+          EXPECT_EQ(raw->Send(MakeBuffer("x"), Ctx(2)), 0);
+          EXPECT_EQ(raw->Send(MakeBuffer("y"), Ctx(3)), 0);
+        });
       } else {
         ASSERT_EQ(raw->Recv(EmptyBuffer(), Ctx(2)), 0);
         ASSERT_EQ(raw->Recv(EmptyBuffer(), Ctx(3)), 0);
