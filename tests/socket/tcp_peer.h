@@ -29,7 +29,7 @@ namespace zstest {
 // Listens on 127.0.0.1 or ::1, port 0, and serves one connection.
 class TcpPeer {
  public:
-  explicit TcpPeer(bool ipv6 = false, int rcvbuf = 0) : m_ipv6(ipv6) {
+  explicit TcpPeer(bool ipv6 = false, int rcvbuf = 0, int backlog = 4) : m_ipv6(ipv6) {
     m_listen = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
     // Inherited by the accepted socket: a small window keeps writes pending.
     if (rcvbuf > 0) ::setsockopt(m_listen, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
@@ -46,13 +46,14 @@ class TcpPeer {
       a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
       len = sizeof *a;
     }
-    m_ok = ::bind(m_listen, reinterpret_cast<sockaddr*>(&ss), len) == 0 && ::listen(m_listen, 4) == 0 &&
+    m_ok = ::bind(m_listen, reinterpret_cast<sockaddr*>(&ss), len) == 0 && ::listen(m_listen, backlog) == 0 &&
            ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&ss), &len) == 0;
     m_port = ntohs(ipv6 ? reinterpret_cast<sockaddr_in6*>(&ss)->sin6_port : reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
   }
   ~TcpPeer() {
     if (m_thread.joinable()) m_thread.join();
     CloseConn();
+    if (m_filler >= 0) ::close(m_filler);
     if (m_listen >= 0) ::close(m_listen);
   }
 
@@ -105,6 +106,17 @@ class TcpPeer {
     }
     return true;
   }
+  // Takes the one slot of a backlog-0 listener with a connection nobody accepts
+  // yet: further connection attempts stay in progress (their SYNs are dropped)
+  // until Accept makes room.
+  bool FillBacklog() {
+    m_filler = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(m_port);
+    return ::connect(m_filler, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
   void CloseConn() {
     if (m_conn >= 0) ::close(m_conn);
     m_conn = -1;
@@ -131,6 +143,7 @@ class TcpPeer {
   bool m_ok = false;
   int m_listen = -1;
   int m_conn = -1;
+  int m_filler = -1;
   unsigned short m_port = 0;
   std::thread m_thread;
 };
