@@ -134,8 +134,9 @@ void BM_Bulk_ITcpSend(benchmark::State& state) {
     constexpr int kQueued = 4;
     for (auto _ : state) {
       Semaphore done;
-      int sent = kQueued, reported = 0;
-      client.sink->onSend = [&](int, IConstBuffer*) {
+      int sent = kQueued, reported = 0, failed = 0;
+      client.sink->onSend = [&](int status, IConstBuffer*) {
+        failed += status != 0;
         if (++reported == kChunksPerIteration) done.Post();
         else if (sent < kChunksPerIteration) {
           ++sent;
@@ -144,6 +145,7 @@ void BM_Bulk_ITcpSend(benchmark::State& state) {
       };
       for (int i = 0; i < kQueued; ++i) client.tcp->Send(chunk, nullptr);
       done.Wait();
+      if (failed) state.SkipWithError("writes failed");
     }
     state.SetBytesProcessed(state.iterations() * kChunk * kChunksPerIteration);
   }
@@ -165,6 +167,7 @@ void BM_PingPong_ITcp(benchmark::State& state) {
     int rounds = 0, got = 0;
     client.sink->onRecv = [&](int status, IMutableBuffer* b) {
       if (status != 0 || b->GetLength() == 0) {
+        rounds = -1;
         done.Post();
         return;
       }
@@ -184,6 +187,7 @@ void BM_PingPong_ITcp(benchmark::State& state) {
     client.tcp->Send(ping, nullptr);
     client.tcp->Recv(pong, nullptr);
     done.Wait();
+    if (rounds != kPingsPerIteration) state.SkipWithError("round trips lost");
   }
   state.SetItemsProcessed(state.iterations() * kPingsPerIteration);
 }
