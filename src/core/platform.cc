@@ -9,6 +9,7 @@
 #include <windows.h>
 #include <mutex>
 #else
+#include <signal.h>
 #include <time.h>
 #endif
 
@@ -66,6 +67,18 @@ static thread_local void* t_slot = nullptr;
 void SetThreadSlot(void* value) { t_slot = value; }
 void* GetThreadSlot() { return t_slot; }
 #endif
+
+void IgnoreBrokenPipe() {
+#ifndef _WIN32
+  struct sigaction current;
+  if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, nullptr);
+  }
+#endif
+}
 
 namespace {
 

@@ -27,6 +27,12 @@ int AtomicAddFull(volatile int* value, int delta);
 void SetThreadSlot(void* value);
 void* GetThreadSlot();
 
+// A write to a TCP connection that the peer has closed raises SIGPIPE on POSIX,
+// whose default action ends the process; the library reports that case as an
+// error instead.  Sets SIGPIPE to be ignored unless the application has given
+// it a handler of its own.  Nothing to do on Windows.
+void IgnoreBrokenPipe();
+
 // vsnprintf with one difference: %S (and %ls) take a wide string and print it as
 // UTF-8, whatever the locale.  Returns what vsnprintf returns.
 int FormatV(char* buffer, std::size_t size, const char* format, va_list args);

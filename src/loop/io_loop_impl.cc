@@ -52,6 +52,7 @@ IOLoopImpl::~IOLoopImpl() {
 int IOLoopImpl::Start() {
   int ret = -1;
   if (Loop() == nullptr && !(m_flags.load() & kStopping)) {
+    platform::IgnoreBrokenPipe();
     auto* loop = static_cast<uv_loop_t*>(std::calloc(1, sizeof(uv_loop_t)));
     bool initialised = loop && uv_loop_init(loop) == 0;
     if (!initialised) {

@@ -50,6 +50,12 @@ void TcpImpl::_Teardown() {
   if (handle) uv_close(reinterpret_cast<uv_handle_t*>(handle), FreeHandle);
 }
 
+bool TcpImpl::_Keep(RefPtr<TcpImpl>& keep) {
+  if (!InternalTryAddRef()) return false;
+  keep.Attach(this);
+  return true;
+}
+
 template <typename Fn>
 bool TcpImpl::_OnLoop(Fn&& fn) {
   if (!m_loop) return false;
@@ -139,6 +145,8 @@ void TcpImpl::_AsyncConnect(const IPEndPoint& address, void* ctx) {
 
 void TcpImpl::_OnConnect(int status, const IPEndPoint& address, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  RefPtr<TcpImpl> self;
+  if (!_Keep(self)) return;
   RefPtr<ITcpSink> sink = m_sink;
   if (sink) sink->OnConnect(status, address, ctx);
 }
@@ -173,7 +181,8 @@ void TcpImpl::_AsyncSend(const RefPtr<IConstBuffer>& buffer, void* ctx) {
   if (static_cast<std::int64_t>(length) + m_queuedBytes > kMaxQueuedBytes) {
     LogInfo(tag::kTcp, "TcpImpl::Send, buffer overflowed, drop data, queue-size=%u, data-size=%u",
             static_cast<unsigned>(m_queuedBytes), static_cast<unsigned>(length));
-    RefPtr<TcpImpl> self(this);
+    RefPtr<TcpImpl> self;
+    if (!_Keep(self)) return;
     RefPtr<ITcpSink> sink = m_sink;
     if (sink) sink->OnSend(-1, buffer, ctx);
     return;
@@ -203,9 +212,11 @@ void TcpImpl::_SendQueueData() {
 
 void TcpImpl::_OnSend(int status, IConstBuffer* buffer, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  // The sink may release the last reference to the socket; and a socket whose
+  // last reference is gone is being torn down: it reports nothing more.
+  RefPtr<TcpImpl> self;
+  if (!_Keep(self)) return;
   m_flags.ResetFlag(kSending);
-  // The sink may release the last reference to the socket.
-  RefPtr<TcpImpl> self(this);
   _SendQueueData();
   RefPtr<ITcpSink> sink = m_sink;
   if (sink) sink->OnSend(status, buffer, ctx);
@@ -252,8 +263,9 @@ void TcpImpl::_RecvQueueData() {
 
 void TcpImpl::_OnRecv(int status, IMutableBuffer* buffer, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  RefPtr<TcpImpl> self;
+  if (!_Keep(self)) return;
   m_flags.ResetFlag(kReceiving);
-  RefPtr<TcpImpl> self(this);
   _RecvQueueData();
   RefPtr<ITcpSink> sink = m_sink;
   if (sink) sink->OnRecv(status, buffer, ctx);

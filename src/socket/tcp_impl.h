@@ -82,6 +82,9 @@ class TcpImpl : public ITcp, public RefCountBase {
   // when there is no loop or the loop did not run it.
   template <typename Fn>
   bool _OnLoop(Fn&& fn);
+  // Takes a temporary reference for a report; false once the last reference is
+  // gone (the destructor is on its way to the loop thread).
+  bool _Keep(RefPtr<TcpImpl>& keep);
 
   void _Open(const IPEndPoint& address, int& ret);
   int _OpenIfClosed();

@@ -109,7 +109,7 @@ class TcpEcho {
           close(fds[i].fd);
           m_conns.erase(std::find(m_conns.begin(), m_conns.end(), fds[i].fd));
         } else {
-          (void)!write(fds[i].fd, data, static_cast<size_t>(n));
+          (void)!send(fds[i].fd, data, static_cast<size_t>(n), MSG_NOSIGNAL);
         }
       }
     }
