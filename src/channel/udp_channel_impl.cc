@@ -57,20 +57,10 @@ UdpChannelImpl::~UdpChannelImpl() {
   delete m_connectOption;
 }
 
-int UdpChannelImpl::AddRef() { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
-
-int UdpChannelImpl::Release() {
-  int count = m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  if (count == 0) InternalRelease();  // RefCountBase's own count is 1: this deletes
-  return count;
-}
-
-bool UdpChannelImpl::_TryAddRef() {
-  int count = m_refs.load(std::memory_order_relaxed);
-  while (count > 0) {
-    if (m_refs.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel)) return true;
-  }
-  return false;
+bool UdpChannelImpl::_Keep(RefPtr<UdpChannelImpl>& keep) {
+  if (!InternalTryAddRef()) return false;
+  keep.Attach(this);
+  return true;
 }
 
 template <typename Fn>
@@ -118,9 +108,8 @@ void UdpChannelImpl::_AsyncConnect(std::string host, unsigned short port, Channe
 
 void UdpChannelImpl::_OnHostResolve(int status, const char* host, const IPAddress& address, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  if (!_TryAddRef()) return;
   RefPtr<UdpChannelImpl> self;
-  self.Attach(this);
+  if (!_Keep(self)) return;
 
   if (status != 0) {
     LogInfo(tag::kUdpChannel, "UdpChannelImpl::_OnHostResolve fail, host=%s, ret=%d", host, status);
@@ -267,9 +256,8 @@ void UdpChannelImpl::OnPacketTimeout(unsigned int cookie, int retry, int send) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
   // From the sender's timer, possibly while the last reference is going away on
   // another thread: a dying channel reports nothing more.
-  if (!_TryAddRef()) return;
   RefPtr<UdpChannelImpl> self;
-  self.Attach(this);
+  if (!_Keep(self)) return;
   RefPtr<IChannelSink> sink(m_sink);
   if (sink) sink->OnTimeout(cookie, send);
 }
@@ -350,9 +338,8 @@ void UdpChannelImpl::_CloseSocketUnchecked(bool forceAllTimeout, bool notifyOnCl
 
 void UdpChannelImpl::_OnSend(int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  if (!_TryAddRef()) return;
   RefPtr<UdpChannelImpl> self;
-  self.Attach(this);
+  if (!_Keep(self)) return;
   if (status != 0) {
     LogInfo(tag::kUdpChannel, "UdpChannelImpl::_OnSend fail, ret=%d", status);
     _CloseSocket(true, true);
@@ -364,9 +351,8 @@ void UdpChannelImpl::_OnSend(int status, IConstBuffer* buffer, const IPEndPoint&
 
 void UdpChannelImpl::_OnRecv(int status, IMutableBuffer* buffer, const IPEndPoint& from, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  if (!_TryAddRef()) return;
   RefPtr<UdpChannelImpl> self;
-  self.Attach(this);
+  if (!_Keep(self)) return;
   if (status != 0) {
     LogInfo(tag::kUdpChannel, "UdpChannelImpl::_OnRecv fail, ret=%d", status);
     _CloseSocket(true, true);

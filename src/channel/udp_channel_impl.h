@@ -5,7 +5,7 @@
 // may die on any thread: its destructor tears the socket and the sender down on
 // the loop thread.  Loop-thread entry points that do not come from the
 // application (socket reports, the resolver, the sender's timer) take a
-// reference only if the channel is not already dying (_TryAddRef), so that a
+// reference only if the channel is not already dying (_Keep), so that a
 // last Release on another thread cannot be undone by a callback in flight.
 #ifndef ZELSOCKET_SRC_CHANNEL_UDP_CHANNEL_IMPL_H
 #define ZELSOCKET_SRC_CHANNEL_UDP_CHANNEL_IMPL_H
@@ -32,8 +32,8 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   explicit UdpChannelImpl(IOLoop* loop);
   ~UdpChannelImpl() override;
 
-  int AddRef() override;
-  int Release() override;
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
 
   void SetSink(IChannelSink* sink) override;
   int Connect(const char* host, unsigned short port, const ChannelConnectOption* option) override;
@@ -53,7 +53,9 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   UdpDataSender* SenderForTesting() { return m_sender.get(); }
 
  private:
-  bool _TryAddRef();
+  // A reference for an entry point that does not come from the application;
+  // false once the last reference is gone.
+  bool _Keep(RefPtr<UdpChannelImpl>& keep);
 
   void _AsyncConnect(std::string host, unsigned short port, ChannelConnectOption* option);
   void _OnHostResolve(int status, const char* host, const IPAddress& address, void* ctx);
@@ -76,7 +78,6 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   template <typename Fn>
   bool _RunOnLoop(Fn&& fn);
 
-  std::atomic<int> m_refs{1};
   IOLoop* m_loop;
   std::string m_host;
   unsigned short m_port = 0;
