@@ -327,5 +327,84 @@ TEST(IOLoopConcurrency, ReferencesReleasedOnOtherThreads) {
   loop.Stop();
 }
 
+class WorkCallback : public RefCount, public IWorkCallback {
+ public:
+  int AddRef() override { return RefCount::AddRef(); }
+  int Release() override { return RefCount::Release(); }
+  void OnWork(void* data) override {
+    workOnPool = !loop->IsLoopThread();
+    if (gate) gate->Wait();
+    ++works;
+  }
+  void OnAfterWork(int status, void* data) override {
+    afterOnLoop = loop->IsLoopThread();
+    statuses.push_back(status);
+  }
+  void OnWorkDropped(void* data) override { dropped.push_back(data); }
+  IOLoop* loop = nullptr;
+  Semaphore* gate = nullptr;
+  std::atomic<int> works{0};
+  bool workOnPool = false, afterOnLoop = false;
+  std::vector<int> statuses;
+  std::vector<void*> dropped;
+};
+
+TEST(IOLoopWork, RunsOnThePoolAndReportsOnTheLoopFromAnyThread) {
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  auto* cb = new WorkCallback();
+  cb->loop = &loop;
+  ASSERT_EQ(loop.QueueWork(cb, nullptr), 0);  // from an application thread
+  int onLoopResult = -2;
+  loop.SyncCall([&] { onLoopResult = loop.QueueWork(cb, nullptr); });  // submitted directly
+  EXPECT_EQ(onLoopResult, 0);
+  ASSERT_TRUE(zstest::WaitUntil([&] {
+    size_t n = 0;
+    loop.SyncCall([&] { n = cb->statuses.size(); });
+    return n == 2;
+  }));
+  EXPECT_TRUE(cb->workOnPool);
+  EXPECT_TRUE(cb->afterOnLoop);
+  EXPECT_EQ(cb->statuses[0], 0);
+  EXPECT_EQ(cb->statuses[1], 0);
+  loop.Stop();
+  EXPECT_EQ(cb->Release(), 0);
+}
+
+TEST(IOLoopWork, RefusedOnALoopThatIsNotRunning) {
+  IOLoop loop;
+  auto* cb = new WorkCallback();
+  EXPECT_EQ(loop.QueueWork(cb, nullptr), -1);
+  ASSERT_EQ(loop.Start(), 0);
+  ASSERT_EQ(loop.Stop(), 0);
+  EXPECT_EQ(loop.QueueWork(cb, nullptr), -1);
+  EXPECT_EQ(cb->works.load(), 0);
+  EXPECT_EQ(cb->Release(), 0);
+}
+
+TEST(IOLoopWork, StopWaitsForRunningJobsAndDropsTheirReports) {
+  zstest::LogRecorder log;
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  Semaphore gate;
+  auto* cb = new WorkCallback();
+  cb->loop = &loop;
+  cb->gate = &gate;
+  int tags[4];
+  // More jobs than the pool has threads: some run (and block), some wait in
+  // libuv's queue and are cancelled by the stop.
+  for (int& t : tags) ASSERT_EQ(loop.QueueWork(cb, &t), 0);
+  // A round trip through the loop: the jobs woke it before this call did, so
+  // they have been handed to libuv by the time it returns.
+  loop.SyncCall([] {});
+  std::thread stopper([&] { EXPECT_EQ(loop.Stop(), 0); });
+  ASSERT_TRUE(zstest::WaitUntil([&] { return loop.AsyncCall([] {}) == -1; }));
+  for (int i = 0; i < 4; ++i) gate.Post();  // let the running jobs finish
+  stopper.join();
+  EXPECT_TRUE(cb->statuses.empty());  // no after-work once the loop stops
+  EXPECT_EQ(cb->dropped.size(), 4u);  // but every record came back
+  EXPECT_EQ(cb->Release(), 0);
+}
+
 }  // namespace
 }  // namespace zelsocket
