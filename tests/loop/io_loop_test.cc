@@ -344,7 +344,8 @@ class WorkCallback : public RefCount, public IWorkCallback {
   IOLoop* loop = nullptr;
   Semaphore* gate = nullptr;
   std::atomic<int> works{0};
-  bool workOnPool = false, afterOnLoop = false;
+  std::atomic<bool> workOnPool{false};
+  bool afterOnLoop = false;
   std::vector<int> statuses;
   std::vector<void*> dropped;
 };
