@@ -122,6 +122,7 @@ int IOLoopImpl::Stop() {
   if (Loop() != nullptr && !IsLoopThread() && !(m_flags.fetch_or(kStopping) & kStopping)) {
     uv_async_send(m_stopAsync);
     uv_thread_join(&m_thread);
+    m_stopAsync = nullptr;
     m_thread = uv_thread_t{};
     m_threadId.store(uv_thread_t{});
     uv_loop_t* loop = Loop();
@@ -138,7 +139,8 @@ int IOLoopImpl::Stop() {
 
 void IOLoopImpl::_OnAsyncStop_Static(uv_async_t* handle) {
   auto* self = static_cast<IOLoopImpl*>(handle->data);
-  CloseHandle(self->m_stopAsync);
+  // The field belongs to the thread in Stop, which clears it after the join.
+  uv_close(reinterpret_cast<uv_handle_t*>(handle), FreeHandle);
   self->_AsyncStop();
 }
 

@@ -411,3 +411,22 @@ TEST(IOLoopWork, StopWaitsForRunningJobsAndDropsTheirReports) {
 
 }  // namespace
 }  // namespace zelsocket
+
+#if !defined(NDEBUG) || defined(ZELSOCKET_ENABLE_DCHECK)
+namespace zelsocket {
+namespace {
+// Destroying a loop whose thread still runs would leave that thread on freed
+// state; checked builds stop the program at once instead.
+TEST(IOLoopDeathTest, DestroyingARunningLoopAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        auto* loop = new IOLoop();
+        loop->Start();
+        delete loop;
+      },
+      "check failed");
+}
+}  // namespace
+}  // namespace zelsocket
+#endif
