@@ -20,5 +20,8 @@ install(FILES ${PROJECT_BINARY_DIR}/zelsocketConfig.cmake
 
 # pkg-config: libuv is a public dependency because <zelsocket/sync.h> embeds its
 # lock types.
+# Relocatable: the prefix is found from where the .pc file lies.
+file(RELATIVE_PATH ZELSOCKET_PC_TO_PREFIX
+     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zelsocket.pc.in ${PROJECT_BINARY_DIR}/zelsocket.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zelsocket.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

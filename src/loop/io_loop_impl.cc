@@ -140,9 +140,8 @@ int IOLoopImpl::Stop() {
 
 void IOLoopImpl::_OnAsyncStop_Static(uv_async_t* handle) {
   auto* self = static_cast<IOLoopImpl*>(handle->data);
-  // Stop reads the pointer to wake this handle; it clears it after the join, so
-  // the two threads never write and read it at the same time.
-  uv_close(reinterpret_cast<uv_handle_t*>(self->m_stopAsync), FreeHandle);
+  // The field belongs to the thread in Stop, which clears it after the join.
+  uv_close(reinterpret_cast<uv_handle_t*>(handle), FreeHandle);
   self->_AsyncStop();
 }
 

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs the build tree into a scratch prefix, then builds every example
+# against the installed package twice: with find_package and with pkg-config,
+# and runs the README's example from each.
+set -euo pipefail
+build_dir=$1
+source_dir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+
+cmake -S "$source_dir/tests/package" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" \
+  -DEXAMPLES_DIR="$source_dir/examples" >/dev/null
+cmake --build "$work/consumer" -j2 >/dev/null
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/consumer/readme_example" | grep -qx "answer=42"
+
+export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
+for src in "$source_dir"/examples/*.cc; do
+  name=$(basename "$src" .cc)
+  c++ -std=c++17 -Wall -Wextra -Werror "$src" -o "$work/$name.pc" $(pkg-config --cflags --libs zelsocket)
+done
+LD_LIBRARY_PATH="$work/prefix/lib" "$work/readme_example.pc" | grep -qx "answer=42"
+
+# Only the public API is exported.
+if nm -D --defined-only "$work/prefix/lib/libzelsocket.so" | grep -E ' (T|D|B) ' | c++filt |
+    grep -vE 'zelsocket::|vtable for|typeinfo|VTT|_init|_fini|^ *$' | grep -q .; then
+  echo "unexpected exported symbols:" >&2
+  nm -D --defined-only "$work/prefix/lib/libzelsocket.so" | c++filt | grep -vE 'zelsocket::' >&2
+  exit 1
+fi
+if nm -D --defined-only "$work/prefix/lib/libzelsocket.so" | c++filt | grep -E 'IOLoopImpl|AsyncImpl|LogWrite|platform::' >&2; then
+  echo "internal symbols are exported" >&2
+  exit 1
+fi
+echo "package: find_package and pkg-config consumers built and ran"

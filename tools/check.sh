@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite three times: a normal build, under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer; then
+# runs each libFuzzer target briefly.  Any failure or sanitizer report fails it.
+#
+#   tools/check.sh                 everything
+#   tools/check.sh normal asan     only these trees (normal, asan, tsan, fuzz)
+#   FUZZ_SECONDS=300 tools/check.sh fuzz
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=${JOBS:-$(nproc)}
+fuzz_seconds=${FUZZ_SECONDS:-30}
+trees=("$@")
+[ ${#trees[@]} -gt 0 ] || trees=(normal asan tsan fuzz)
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:halt_on_error=1:detect_stack_use_after_return=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+
+passed=0
+failed=0
+
+run_suite() {
+  local name=$1; shift
+  local dir=build/check-$name
+  echo "== $name: configure and build"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELSOCKET_DCHECK=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  echo "== $name: test"
+  local log=$dir/ctest.log
+  local rc=0
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 300) >"$log" 2>&1 || rc=$?
+  grep -vE "^(UvLoop|IOLoopImpl)" "$log" | tail -25
+  local n
+  n=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\).*/\2 \1/p' "$log" | tail -1)
+  if [ -n "$n" ]; then
+    set -- $n
+    passed=$((passed + $1 - $2))
+    failed=$((failed + $2))
+  elif [ "$rc" -ne 0 ]; then
+    failed=$((failed + 1))
+  fi
+}
+
+run_fuzz() {
+  local dir=build/check-fuzz
+  local targets
+  targets=$(ls tests/fuzz/*_fuzz.cc 2>/dev/null || true)
+  if [ -z "$targets" ]; then
+    echo "== fuzz: no targets"
+    return
+  fi
+  echo "== fuzz: configure and build (clang)"
+  CC=clang CXX=clang++ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELSOCKET_DCHECK=ON \
+    -DZELSOCKET_BUILD_FUZZ=ON -DZELSOCKET_BUILD_TESTS=OFF -DZELSOCKET_BUILD_EXAMPLES=OFF \
+    -DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  for src in $targets; do
+    local name corpus scratch
+    name=$(basename "$src" .cc)
+    corpus=tests/fuzz/corpus/${name%_fuzz}
+    scratch=$(mktemp -d)
+    echo "== fuzz: $name for ${fuzz_seconds}s"
+    # New inputs go to a scratch folder; the committed corpus is only read.
+    if "$dir/tests/fuzz/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$scratch" "$corpus" \
+        2>"$dir/$name.log"; then
+      passed=$((passed + 1))
+      grep -E "stat::number_of_executed_units|Done [0-9]+ runs" "$dir/$name.log" | tail -2 || true
+    else
+      failed=$((failed + 1))
+      tail -40 "$dir/$name.log"
+    fi
+    rm -rf "$scratch"
+  done
+}
+
+for tree in "${trees[@]}"; do
+  case $tree in
+    normal) run_suite normal ;;
+    asan) run_suite asan -DZELSOCKET_SANITIZE=address ;;
+    tsan) run_suite tsan -DZELSOCKET_SANITIZE=thread ;;
+    fuzz) run_fuzz ;;
+    *) echo "unknown tree: $tree" >&2; exit 2 ;;
+  esac
+done
+
+echo "check: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
