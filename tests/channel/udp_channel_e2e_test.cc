@@ -248,7 +248,9 @@ TEST_F(ChannelE2ETest, ReleaseOnAnotherThreadWhileTrafficFlows) {
       RefPtr<IConstBuffer> b = Bytes("abcd", 4);
       ASSERT_EQ(0, c->Send(b, o, cookie));
     }
-    if (round % 2) ASSERT_TRUE(s->WaitCount("recv:", 1));
+    if (round % 2) {
+      ASSERT_TRUE(s->WaitCount("recv:", 1));
+    }
     // Sends still queued for the loop hold the channel; it dies with the last
     // of them, or here.  Once the queue has been run through, it is gone and
     // silent.
