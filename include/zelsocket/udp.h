@@ -72,6 +72,8 @@ class ZELSOCKET_API IUdp : public IRefCount {
   virtual int CancelRecv() = 0;
   // Drops the queue and silences every later callback of this socket.
   virtual int Close() = 0;
+  // These two run on the caller's thread without a hop; racing them with Close
+  // on another thread is the caller's risk.
   virtual bool IsOpen() = 0;
   // IPv4 sockets only; -1 when closed or not IPv4.
   virtual int GetLocalAddress(IPEndPoint& address) = 0;
