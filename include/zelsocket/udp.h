@@ -61,7 +61,10 @@ class ZELSOCKET_API IUdp : public IRefCount {
   // another thread it arrives as OnSend with that status.
   virtual int Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) = 0;
   // Arms one receive into `buffer`, offered its whole capacity and at least 12288
-  // bytes.  One receive at a time; the socket must be open.
+  // bytes (Reserve more for larger datagrams: a longer one is cut without
+  // notice).  One receive at a time; the socket must be open.  On the loop
+  // thread a refusal is the result (-1); from another thread it arrives as
+  // OnRecv with that status and an unset address.
   virtual int Recv(IMutableBuffer* buffer, void* ctx) = 0;
   // Like Recv, but stays armed: every datagram is delivered into the same buffer.
   virtual int StartRecv(IMutableBuffer* buffer, void* ctx) = 0;
@@ -69,6 +72,8 @@ class ZELSOCKET_API IUdp : public IRefCount {
   virtual int CancelRecv() = 0;
   // Drops the queue and silences every later callback of this socket.
   virtual int Close() = 0;
+  // These two run on the caller's thread without a hop; racing them with Close
+  // on another thread is the caller's risk.
   virtual bool IsOpen() = 0;
   // IPv4 sockets only; -1 when closed or not IPv4.
   virtual int GetLocalAddress(IPEndPoint& address) = 0;

@@ -1,10 +1,10 @@
 // The real catalogue calls.  Built on Windows only.
 #ifdef _WIN32
 
-#include <objbase.h>
-#include <winsock2.h>
-
+// winsock2.h (through the header) must come before anything that pulls in windows.h.
 #include "socket/non_lsp_socket.h"
+
+#include <objbase.h>
 
 namespace zelsocket {
 

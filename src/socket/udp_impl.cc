@@ -150,6 +150,11 @@ int UdpImpl::_Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {
             static_cast<unsigned>(m_queuedBytes), AddressText(dest).c_str());
     return -1;
   }
+  if (m_sendQueue.empty() && !m_flags.IsFlagOn(kSending)) {
+    // Nothing ahead of it: it would leave the queue at once, so it skips it.
+    _StartSend(buffer, dest, ctx);
+    return 0;
+  }
   m_sendQueue.push_back(new UdpSendRecord{ctx, dest, RefPtr<IConstBuffer>(buffer)});
   m_queuedBytes += buffer->GetLength();
   _SendQueueData();
@@ -162,18 +167,20 @@ void UdpImpl::_SendQueueData() {
   UdpSendRecord* record = m_sendQueue.front();
   m_sendQueue.pop_front();
   m_queuedBytes -= record->buffer->GetLength();
-  int rc = m_sendOp->Send(m_handle.load(std::memory_order_relaxed), record->buffer, record->dest, m_sinkAnchor,
-                          record->ctx);
+  _StartSend(record->buffer, record->dest, record->ctx);
+  delete record;
+}
+
+void UdpImpl::_StartSend(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  int rc = m_sendOp->Send(m_handle.load(std::memory_order_relaxed), buffer, dest, m_sinkAnchor, ctx);
   if (rc != 0) {
     LogInfo(tag::kUdp, "UvUdpImpl::_SendQueueData, Send fail, ret=%d", rc);
     // Reported from the call queue, never from inside the call that queued it.
-    RefPtr<IConstBuffer> buffer = record->buffer;
-    IPEndPoint dest = record->dest;
-    void* ctx = record->ctx;
-    m_async.AsyncCall([this, rc, buffer, dest, ctx] { _ReportSend(true, rc, buffer, dest, ctx); });
+    RefPtr<IConstBuffer> held(buffer);
+    m_async.AsyncCall([this, rc, held, dest, ctx] { _ReportSend(true, rc, held, dest, ctx); });
   }
   m_flags.SetFlag(kSending);
-  delete record;
 }
 
 void UdpImpl::_OnSend(int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {

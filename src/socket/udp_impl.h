@@ -77,6 +77,8 @@ class UdpImpl : public IUdp, public RefCountBase {
   int _Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);
   void _AsyncSend(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);
   void _SendQueueData();
+  // Hands one datagram to the send operation; a refusal is reported later.
+  void _StartSend(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);
   int _Recv(bool continuous, IMutableBuffer* buffer, void* ctx);
   void _AsyncRecv(bool continuous, IMutableBuffer* buffer, void* ctx);
   void _CancelRecv();

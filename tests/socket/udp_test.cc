@@ -157,38 +157,6 @@ TEST_F(UdpTest, FirstSendOpensAnIPv4SocketOnAFreePort) {
                       "UvUdpImpl::_OnSend, Send Fail, ret=" + std::to_string(sink->Sends()[1].status)));
 }
 
-TEST_F(UdpTest, ReceiveOffersTheBufferCapacityAndSkipsEmptyDatagrams) {
-  RawPeer peer;
-  RefPtr<UdpRecordingSink> sink;
-  RefPtr<IUdp> udp = NewUdp(&sink);
-  ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
-  IPEndPoint local;
-  ASSERT_EQ(udp->GetLocalAddress(local), 0);
-
-  RefPtr<IMutableBuffer> fresh;
-  CreateBuffer(fresh);
-  ASSERT_EQ(udp->Recv(fresh, Tag(1)), 0);
-  // The empty datagram does not complete the one-shot receive; the next does.
-  ASSERT_TRUE(peer.SendTo(local, ""));
-  ASSERT_TRUE(peer.SendTo(local, std::string(20000, 'a')));
-  ASSERT_TRUE(sink->WaitRecvs(1));
-  UdpEvent first = sink->Recvs()[0];
-  EXPECT_EQ(first.ctx, Tag(1));
-  EXPECT_EQ(first.capacity, UvUdpRecv::kMinRecvSize);
-  EXPECT_EQ(first.data, std::string(UvUdpRecv::kMinRecvSize, 'a'));  // cut to what was offered
-  EXPECT_TRUE(log.Has(LOG_LEVEL_INFO, "op", "UvUdpRecv::_RecvCallback, nread=0"));
-
-  RefPtr<IMutableBuffer> large;
-  CreateBuffer(large);
-  large->Reserve(65536);
-  ASSERT_EQ(udp->Recv(large, Tag(2)), 0);
-  ASSERT_TRUE(peer.SendTo(local, std::string(20000, 'b')));
-  ASSERT_TRUE(sink->WaitRecvs(2));
-  EXPECT_EQ(sink->Recvs()[1].data, std::string(20000, 'b'));
-  EXPECT_EQ(large->GetCapacity(), 65536);
-  EXPECT_EQ(large->GetLength(), 20000);
-}
-
 TEST_F(UdpTest, SendQueueAcceptsWhileAtMostTheLimitIsQueued) {
   RawPeer peer;
   RefPtr<UdpRecordingSink> sink;
