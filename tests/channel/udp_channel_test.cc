@@ -138,6 +138,7 @@ TEST_F(UdpChannelTest, FailedConnectTimesOutPendingPacketsBeforeOnConnect) {
   ASSERT_TRUE(sink->WaitCount("connect:-1", 2));
   EXPECT_EQ(1, log.Count("UdpChannelImpl::_AsyncConnect, HostResolve fail."));
   EXPECT_EQ(-1, channel->Connect(nullptr, 9000, nullptr));
+  EXPECT_FALSE(CreateUdpChannel(static_cast<IChannel**>(nullptr), nullptr));
   EXPECT_EQ(0, sink->Count("close"));
 }
 

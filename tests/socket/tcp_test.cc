@@ -186,6 +186,7 @@ TEST_F(TcpTest, RefusalsBeforeTheHopAreResultsOnly) {
   EXPECT_EQ(tcp->SetSendBufferSize(65536), -1);
   EXPECT_EQ(tcp->SetRecvBufferSize(65536), -1);
   EXPECT_EQ(tcp->Close(), 0);  // closed already
+  EXPECT_FALSE(CreateTcp(static_cast<ITcp**>(nullptr), nullptr));
 
   EXPECT_EQ(tcp->Open(IPEndPoint("127.0.0.1", 0)), 0);
   IPEndPoint local;
