@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/check.h"
+#include "loop/run_on_loop.h"
 #include "core/logging.h"
 #include "core/platform.h"
 #include "zelsocket/io_loop.h"
@@ -61,16 +62,6 @@ bool UdpChannelImpl::_Keep(RefPtr<UdpChannelImpl>& keep) {
   if (!InternalTryAddRef()) return false;
   keep.Attach(this);
   return true;
-}
-
-template <typename Fn>
-bool UdpChannelImpl::_RunOnLoop(Fn&& fn) {
-  if (!m_loop) return false;
-  if (m_loop->IsLoopThread()) {
-    fn();
-    return true;
-  }
-  return m_loop->SyncCall(std::forward<Fn>(fn)) == 0;
 }
 
 void UdpChannelImpl::SetSink(IChannelSink* sink) { m_sink = sink; }
@@ -180,7 +171,7 @@ void UdpChannelImpl::_OnConnect(int status) {
 
 int UdpChannelImpl::ChangeDest(const IPEndPoint& dest) {
   IPEndPoint copy(dest);
-  _RunOnLoop([this, &copy] { _ChangeDest(copy); });
+  RunOnLoop(m_loop, [this, &copy] { _ChangeDest(copy); });
   return 0;
 }
 
@@ -191,7 +182,7 @@ void UdpChannelImpl::_ChangeDest(const IPEndPoint& dest) {
 
 int UdpChannelImpl::GetDestAddr(IPEndPoint& dest) {
   IPEndPoint result;
-  if (!_RunOnLoop([this, &result] { _GetDestAddr(result); })) return -1;
+  if (!RunOnLoop(m_loop, [this, &result] { _GetDestAddr(result); })) return -1;
   dest = result;
   return 0;
 }
@@ -265,7 +256,7 @@ void UdpChannelImpl::OnPacketTimeout(unsigned int cookie, int retry, int send) {
 void UdpChannelImpl::CancelSend(unsigned int cookie, int* retry, int* send) {
   int r = 0;
   int s = 0;
-  _RunOnLoop([this, cookie, &r, &s] { _CancelSend(cookie, &r, &s); });
+  RunOnLoop(m_loop, [this, cookie, &r, &s] { _CancelSend(cookie, &r, &s); });
   if (retry) *retry = r;
   if (send) *send = s;
 }
@@ -276,7 +267,7 @@ void UdpChannelImpl::_CancelSend(unsigned int cookie, int* retry, int* send) {
 }
 
 void UdpChannelImpl::CancelAll() {
-  _RunOnLoop([this] { _CancelAll(); });
+  RunOnLoop(m_loop, [this] { _CancelAll(); });
 }
 
 void UdpChannelImpl::_CancelAll() {
@@ -287,7 +278,7 @@ void UdpChannelImpl::_CancelAll() {
 
 void UdpChannelImpl::ForceAllTimeout() {
   RefPtr<UdpChannelImpl> self(this);
-  _RunOnLoop([this] { _ForceAllTimeout(); });
+  RunOnLoop(m_loop, [this] { _ForceAllTimeout(); });
 }
 
 void UdpChannelImpl::_ForceAllTimeout() {
@@ -297,7 +288,7 @@ void UdpChannelImpl::_ForceAllTimeout() {
 }
 
 void UdpChannelImpl::Close() {
-  _RunOnLoop([this] { _Close(); });
+  RunOnLoop(m_loop, [this] { _Close(); });
 }
 
 void UdpChannelImpl::_Close() {

@@ -73,10 +73,6 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   void _CloseSocketUnchecked(bool forceAllTimeout, bool notifyOnClose);
   void _OnSend(int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);
   void _OnRecv(int status, IMutableBuffer* buffer, const IPEndPoint& from, void* ctx);
-  // Runs `fn` on the loop thread: inline there, else through SyncCall.  False
-  // when it could not run (no loop, or the loop refused).
-  template <typename Fn>
-  bool _RunOnLoop(Fn&& fn);
 
   IOLoop* m_loop;
   std::string m_host;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/check.h"
+#include "loop/run_on_loop.h"
 #include "core/logging.h"
 
 namespace zelsocket {
@@ -33,7 +34,7 @@ TcpImpl::TcpImpl(IOLoop* loop)
 // the loop thread, so the anchor is disconnected and the libuv state torn down
 // there; a socket released without Close has its handle closed too.
 TcpImpl::~TcpImpl() {
-  if (!_OnLoop([this] { _Teardown(); })) {
+  if (!RunOnLoop(m_loop, [this] { _Teardown(); })) {
     // No loop runs any more, so nothing can race with this thread.
     _Teardown();
   }
@@ -56,22 +57,12 @@ bool TcpImpl::_Keep(RefPtr<TcpImpl>& keep) {
   return true;
 }
 
-template <typename Fn>
-bool TcpImpl::_OnLoop(Fn&& fn) {
-  if (!m_loop) return false;
-  if (m_loop->IsLoopThread()) {
-    fn();
-    return true;
-  }
-  return m_loop->SyncCall(std::forward<Fn>(fn)) == 0;
-}
-
 void TcpImpl::SetSink(ITcpSink* sink) { m_sink = sink; }
 
 int TcpImpl::Open(const IPEndPoint& address) {
   if (!m_loop) return -1;
   int ret = 0;
-  _OnLoop([&] { _Open(address, ret); });
+  RunOnLoop(m_loop, [&] { _Open(address, ret); });
   return ret;
 }
 
@@ -107,7 +98,7 @@ void TcpImpl::_Open(const IPEndPoint& address, int& ret) {
 int TcpImpl::_OpenIfClosed() {
   if (!m_loop) return -1;
   int ret = 0;
-  _OnLoop([&] {
+  RunOnLoop(m_loop, [&] {
     if (!m_handle.load()) _Open(IPEndPoint(IPAddress::Any, 0), ret);
   });
   return ret;
@@ -273,7 +264,7 @@ void TcpImpl::_OnRecv(int status, IMutableBuffer* buffer, void* ctx) {
 
 int TcpImpl::CancelRecv() {
   if (!m_loop) return -1;
-  _OnLoop([this] { _CancelRecv(); });
+  RunOnLoop(m_loop, [this] { _CancelRecv(); });
   return 0;
 }
 
@@ -288,7 +279,7 @@ void TcpImpl::_CancelRecv() {
 
 int TcpImpl::Close() {
   if (!m_loop) return -1;
-  _OnLoop([this] { _Close(); });
+  RunOnLoop(m_loop, [this] { _Close(); });
   return 0;
 }
 
@@ -321,14 +312,14 @@ bool TcpImpl::IsOpen() { return m_handle.load() != nullptr; }
 int TcpImpl::GetLocalAddress(IPEndPoint& address) {
   if (!m_loop) return -1;
   int ret = 0;
-  _OnLoop([&] { _GetAddress(address, ret, false); });
+  RunOnLoop(m_loop, [&] { _GetAddress(address, ret, false); });
   return ret;
 }
 
 int TcpImpl::GetRemoteAddress(IPEndPoint& address) {
   if (!m_loop) return -1;
   int ret = 0;
-  _OnLoop([&] { _GetAddress(address, ret, true); });
+  RunOnLoop(m_loop, [&] { _GetAddress(address, ret, true); });
   return ret;
 }
 

@@ -78,10 +78,6 @@ class TcpImpl : public ITcp, public RefCountBase {
   static constexpr unsigned kSending = 2;
   static constexpr unsigned kReceiving = 4;
 
-  // Runs `fn` on the loop thread: directly there, else through SyncCall.  False
-  // when there is no loop or the loop did not run it.
-  template <typename Fn>
-  bool _OnLoop(Fn&& fn);
   // Takes a temporary reference for a report; false once the last reference is
   // gone (the destructor is on its way to the loop thread).
   bool _Keep(RefPtr<TcpImpl>& keep);

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "core/check.h"
+#include "loop/run_on_loop.h"
 #include "core/logging.h"
 #include "socket/non_lsp_socket.h"
 
@@ -25,7 +26,7 @@ UdpImpl::UdpImpl(IOLoop* loop) : m_loop(loop ? loop : IOLoop::GetLoop()), m_asyn
 UdpImpl::~UdpImpl() {
   // Completions that are still on their way reach nothing from here on.
   m_sinkAnchor->Disconnect();
-  if (m_loop && !_RunBlocking([this] { _Close(); })) {
+  if (m_loop && !RunOnLoop(m_loop, [this] { _Close(); })) {
     // The loop is gone: nothing of libuv can be touched any more.
     _DropQueue();
     m_async.Cancel();
@@ -38,24 +39,16 @@ bool UdpImpl::_Keep(RefPtr<UdpImpl>& keep) {
   return true;
 }
 
-bool UdpImpl::_RunBlocking(const std::function<void()>& fn) {
-  if (m_loop->IsLoopThread()) {
-    fn();
-    return true;
-  }
-  return m_loop->SyncCall(fn) == 0;
-}
-
 void UdpImpl::SetSink(IUdpSink* sink) {
   if (!m_loop) return;
   RefPtr<IUdpSink> next(sink);
-  _RunBlocking([this, &next] { m_sink = next; });
+  RunOnLoop(m_loop, [this, &next] { m_sink = next; });
 }
 
 int UdpImpl::Open(const UdpOpenOptions& options) {
   if (!m_loop) return -1;
   int ret = -1;
-  if (!_RunBlocking([this, &options, &ret] { _Open(options, ret); })) return -1;
+  if (!RunOnLoop(m_loop, [this, &options, &ret] { _Open(options, ret); })) return -1;
   return ret;
 }
 
@@ -270,7 +263,7 @@ void UdpImpl::_ReportRecv(bool fromOp, int status, IMutableBuffer* buffer, const
 
 int UdpImpl::CancelRecv() {
   if (!m_loop) return -1;
-  _RunBlocking([this] { _CancelRecv(); });
+  RunOnLoop(m_loop, [this] { _CancelRecv(); });
   return 0;
 }
 
@@ -282,7 +275,7 @@ void UdpImpl::_CancelRecv() {
 
 int UdpImpl::Close() {
   if (!m_loop) return -1;
-  _RunBlocking([this] { _Close(); });
+  RunOnLoop(m_loop, [this] { _Close(); });
   return 0;
 }
 

@@ -91,11 +91,9 @@ class UdpImpl : public IUdp, public RefCountBase {
   // flag); otherwise it concerns something that never got that far.
   void _ReportSend(bool fromOp, int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);
   void _ReportRecv(bool fromOp, int status, IMutableBuffer* buffer, const IPEndPoint& from, void* ctx);
-  // Runs `fn` on the loop thread and waits; false when the loop did not run it.
   // Takes a temporary reference for a report; false once the last reference is
   // gone (the destructor is on its way to the loop thread).
   bool _Keep(RefPtr<UdpImpl>& keep);
-  bool _RunBlocking(const std::function<void()>& fn);
 
   IOLoop* const m_loop;
   std::atomic<uv_udp_t*> m_handle{nullptr};
