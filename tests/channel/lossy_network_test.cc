@@ -24,6 +24,7 @@
 
 #include "support/netns.h"
 #include "support/test_support.h"
+#include "support/udp_echo_peer.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/io_loop.h"
@@ -54,34 +55,6 @@ sockaddr_in Loopback(unsigned short port) {
   addr.sin_port = htons(port);
   return addr;
 }
-
-// Echoes every datagram back to its sender.
-class Responder {
- public:
-  Responder() : m_fd(BoundUdpSocket(&port)), m_thread([this] { Run(); }) {}
-  ~Responder() {
-    m_stop = true;
-    m_thread.join();
-    close(m_fd);
-  }
-  unsigned short port = 0;
-
- private:
-  void Run() {
-    char data[2048];
-    while (!m_stop) {
-      pollfd p{m_fd, POLLIN, 0};
-      if (poll(&p, 1, 20) <= 0) continue;
-      sockaddr_in from{};
-      socklen_t len = sizeof from;
-      ssize_t n = recvfrom(m_fd, data, sizeof data, 0, reinterpret_cast<sockaddr*>(&from), &len);
-      if (n > 0) sendto(m_fd, data, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
-    }
-  }
-  int m_fd;
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
-};
 
 // Forwards datagrams between one client and the responder, each after a random
 // delay of up to `maxDelayMs`, which reorders them.
@@ -234,17 +207,17 @@ void Quiet(LOG_LEVEL, const char*, const char*) {}
 
 int LossyRun(int lossPercent, std::string& report) {
   SetLogCallback(Quiet);  // one line per packet would bury the result
-  Responder responder;
+  zstest::UdpEchoPeer responder;
   std::ostringstream rules;
   rules << "table inet zslossy {\n chain input {\n  type filter hook input priority 0; policy accept;\n"
-        << "  udp dport " << responder.port << " numgen random mod 100 < " << lossPercent << " drop\n"
-        << "  udp sport " << responder.port << " numgen random mod 100 < " << lossPercent << " drop\n }\n}\n";
+        << "  udp dport " << responder.Port() << " numgen random mod 100 < " << lossPercent << " drop\n"
+        << "  udp sport " << responder.Port() << " numgen random mod 100 < " << lossPercent << " drop\n }\n}\n";
   std::string nftOut;
   if (!zstest::RunCommand("printf '" + rules.str() + "' | nft -f -", &nftOut)) {
     report = "SKIP nftables refused the rule: " + nftOut;
     return 77;
   }
-  Relay relay(responder.port, 20);
+  Relay relay(responder.Port(), 20);
 
   IOLoop loop;
   loop.Start();

@@ -17,6 +17,7 @@
 #include "channel/channel_sink.h"
 #include "support/process.h"
 #include "support/test_support.h"
+#include "support/udp_echo_peer.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/udp.h"
@@ -27,51 +28,12 @@ namespace {
 
 // Answers each request by echoing it, after dropping its first `drop` copies.
 // Requests are told apart by their first four bytes.
-class DroppingResponder {
+class DroppingResponder : public zstest::UdpEchoPeer {
  public:
-  explicit DroppingResponder(int drop) : m_drop(drop) {
-    m_fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    socklen_t len = sizeof(addr);
-    getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    m_port = ntohs(addr.sin_port);
-    m_thread = std::thread([this] { Run(); });
-  }
-  ~DroppingResponder() {
-    m_stop = true;
-    m_thread.join();
-    close(m_fd);
-  }
-  unsigned short Port() const { return m_port; }
-  int Received() const { return m_received.load(); }
-
- private:
-  void Run() {
-    std::map<std::string, int> seen;
-    while (!m_stop) {
-      pollfd p{m_fd, POLLIN, 0};
-      if (poll(&p, 1, 20) != 1) continue;
-      unsigned char buf[2048];
-      sockaddr_in from{};
-      socklen_t len = sizeof(from);
-      ssize_t n = recvfrom(m_fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr*>(&from), &len);
-      if (n <= 0) continue;
-      ++m_received;
-      std::string id(reinterpret_cast<char*>(buf), static_cast<size_t>(std::min<ssize_t>(n, 4)));
-      if (++seen[id] <= m_drop) continue;
-      sendto(m_fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), len);
-    }
-  }
-
-  int m_drop;
-  int m_fd;
-  unsigned short m_port = 0;
-  std::atomic<bool> m_stop{false};
-  std::atomic<int> m_received{0};
-  std::thread m_thread;
+  explicit DroppingResponder(int drop)
+      : zstest::UdpEchoPeer([drop, seen = std::map<std::string, int>()](const std::string& datagram) mutable {
+          return ++seen[datagram.substr(0, 4)] > drop;
+        }) {}
 };
 
 RefPtr<IConstBuffer> Bytes(const void* data, size_t size) {

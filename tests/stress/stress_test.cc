@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/udp_echo_peer.h"
 #include "zelsocket/zelsocket.h"
 
 namespace zelsocket {
@@ -32,43 +33,7 @@ using Clock = std::chrono::steady_clock;
 
 void Quiet(LOG_LEVEL, const char*, const char*) {}
 
-// Echo peers on plain sockets, each on a thread of its own.
-class UdpEcho {
- public:
-  UdpEcho() {
-    m_fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
-    m_thread = std::thread([this] {
-      char data[2048];
-      while (!m_stop) {
-        pollfd p{m_fd, POLLIN, 0};
-        if (poll(&p, 1, 20) <= 0) continue;
-        sockaddr_in from{};
-        socklen_t fl = sizeof from;
-        ssize_t n = recvfrom(m_fd, data, sizeof data, 0, reinterpret_cast<sockaddr*>(&from), &fl);
-        if (n > 0) sendto(m_fd, data, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), fl);
-      }
-    });
-  }
-  ~UdpEcho() {
-    m_stop = true;
-    m_thread.join();
-    close(m_fd);
-  }
-  unsigned short port = 0;
-
- private:
-  int m_fd;
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
-};
-
+// A TCP echo peer on plain sockets and a thread of its own.
 class TcpEcho {
  public:
   TcpEcho() {
@@ -175,7 +140,7 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(2500);
   auto running = [&] { return Clock::now() < deadline; };
 
-  UdpEcho udpEcho;
+  zstest::UdpEchoPeer udpEcho;
   TcpEcho tcpEcho;
   IOLoop socketLoop, callLoop;
   ASSERT_EQ(socketLoop.Start(), 0);
@@ -200,7 +165,7 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
     RefPtr<ChannelSink> sink;
     sink.Attach(new ChannelSink(&channelEvents, &doubleEnds));
     c->SetSink(sink);
-    c->Connect("127.0.0.1", udpEcho.port, nullptr);
+    c->Connect("127.0.0.1", udpEcho.Port(), nullptr);
     return c;
   };
   channel = newChannel();
@@ -252,7 +217,7 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
   // UDP sockets opened, used from this thread and released, some without Close.
   threads.emplace_back([&] {
     std::mt19937 random(2);
-    IPEndPoint echo("127.0.0.1", udpEcho.port);
+    IPEndPoint echo("127.0.0.1", udpEcho.Port());
     while (running()) {
       RefPtr<IUdp> udp;
       CreateUdp(udp, &socketLoop);
@@ -308,7 +273,7 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
         case 0: c->CancelAll(); break;
         case 1: c->ForceAllTimeout(); break;
         case 2: c->Close(); break;
-        default: c->Connect("127.0.0.1", udpEcho.port, nullptr); break;
+        default: c->Connect("127.0.0.1", udpEcho.Port(), nullptr); break;
       }
       ++channelControl;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
