@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 
 #include "core/logging.h"
 
@@ -31,15 +32,6 @@ bool SameGuid(const ProviderGuid& a, const ProviderGuid& b) {
 // wide text.  They are narrowed here rather than printed with %S, whose
 // meaning and locale dependence differ between C libraries; both are ASCII in
 // practice, and anything else shows as '?'.
-std::string Narrow(const wchar_t* text, std::size_t max) {
-  std::string out;
-  for (std::size_t i = 0; i < max && text[i] != 0; ++i) {
-    wchar_t c = text[i];
-    out.push_back(c > 0 && c < 0x80 ? static_cast<char>(c) : '?');
-  }
-  return out;
-}
-
 // Enumerates into a heap buffer, growing it to the length the platform asks
 // for.  A platform that asks for no more than it was given would make this loop
 // for ever, so that counts as a failure of the walk.  The caller frees `*buffer`.
@@ -81,10 +73,11 @@ NonLspSocketFactory::Cell* NonLspSocketFactory::_CellOf(int af) {
   return nullptr;
 }
 
-std::string NonLspSocketFactory::_GuidText(const ProviderGuid& guid) {
+std::wstring NonLspSocketFactory::_GuidText(const ProviderGuid& guid) {
   wchar_t text[64] = {0};
   m_platform.StringFromGUID2(guid, text, 64);
-  return Narrow(text, 64);
+  text[63] = 0;
+  return text;
 }
 
 SocketHandle NonLspSocketFactory::CreateNonLSPSocket(int af) {
@@ -123,10 +116,11 @@ const ProtocolInfoW* NonLspSocketFactory::_GetProviderInfo(int af) {
         state = kFound;
         LogInfo(tag::kNonLspSocket,
                 "CreateNonLSPSocket, _GetBaseProviderInfo ok, af=%d, type=%d, protocol=%d, EntryId=%u, ChainLen=%d, "
-                "Name=%s, Guid=%s",
+                "Name=%S, Guid=%S",
                 record->iAddressFamily, record->iSocketType, record->iProtocol,
                 static_cast<unsigned>(record->dwCatalogEntryId), record->ProtocolChain.ChainLen,
-                Narrow(record->szProtocol, 256).c_str(), _GuidText(record->ProviderId).c_str());
+                std::wstring(record->szProtocol, ::wcsnlen(record->szProtocol, 256)).c_str(),
+                _GuidText(record->ProviderId).c_str());
       } else {
         delete record;
         cell->state.store(kFailed, std::memory_order_release);
@@ -182,7 +176,7 @@ std::string NonLspSocketFactory::LogWSAProtocols() {
     std::memcpy(name, entry.szProtocol, 256);
     name[256] = 0;
     FormatToBuffer(line, sizeof line,
-                   "EntryId=%d, Name=%s, ChainLen=%d, Version=%d, AF=%d, SockType=%d, Protocol=%d, Guid=%s\n",
+                   "EntryId=%d, Name=%s, ChainLen=%d, Version=%d, AF=%d, SockType=%d, Protocol=%d, Guid=%S\n",
                    static_cast<int>(entry.dwCatalogEntryId), name, entry.ProtocolChain.ChainLen, entry.iVersion,
                    entry.iAddressFamily, entry.iSocketType, entry.iProtocol, _GuidText(entry.ProviderId).c_str());
     result += line;

@@ -130,7 +130,7 @@ class NonLspSocketFactory {
   };
 
   Cell* _CellOf(int af);
-  std::string _GuidText(const ProviderGuid& guid);
+  std::wstring _GuidText(const ProviderGuid& guid);
 
   INonLspPlatform& m_platform;
   Mutex m_providerLock;
