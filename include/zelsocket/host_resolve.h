@@ -23,8 +23,8 @@ class ZELSOCKET_API IHostResolveSink : public IRefCount {
 // called there exactly once, never from inside this call.  A process-wide cache
 // answers names resolved in the last 20 minutes from memory, and names resolved
 // in the last 2 hours from memory while refreshing them in the background.
-// The sink is kept as a plain pointer: it must live until its callback.  There
-// is no cancel.  False (and no callback) for a null or empty host, a null sink,
+// The request holds a reference to the sink until the callback has run (or a
+// stopping loop dropped the request, without calling it).  There is no cancel.  False (and no callback) for a null or empty host, a null sink,
 // no loop, or a loop that refused the request.
 ZELSOCKET_API bool HostResolve(const char* host, IHostResolveSink* sink, void* ctx);
 

@@ -169,7 +169,7 @@ void HostAddrCache::PutEntryForTesting(const std::string& host, const IPAddress&
 
 namespace {
 
-void CallSink(IHostResolveSink* sink, void* ctx, int err, const char* host, const IPAddress& address) {
+void CallSink(const RefPtr<IHostResolveSink>& sink, void* ctx, int err, const char* host, const IPAddress& address) {
   sink->OnHostResolve(err, host, address, ctx);
 }
 
@@ -180,7 +180,11 @@ bool HostResolve(const char* host, IHostResolveSink* sink, void* ctx) {
   using std::placeholders::_1;
   using std::placeholders::_2;
   using std::placeholders::_3;
-  return HostAddrCache::Instance()->_HostResolve(host, std::bind(&CallSink, sink, ctx, _1, _2, _3));
+  // The request holds a reference to the sink until its callback has run or
+  // the request has been dropped (by a stopping loop), so a caller need not
+  // keep the sink alive for it.
+  return HostAddrCache::Instance()->_HostResolve(host,
+                                                 std::bind(&CallSink, RefPtr<IHostResolveSink>(sink), ctx, _1, _2, _3));
 }
 
 }  // namespace zelsocket

@@ -1,7 +1,7 @@
 // Internal: the IHostResolveSink handed to HostResolve instead of its owner.
-// HostResolve keeps its sink as a plain pointer and cannot be cancelled, so the
-// anchor holds a reference to itself until its one callback has come; an owner
-// that went away first has disconnected it, and the callback reaches nothing.
+// A resolution cannot be cancelled; the request holds a reference to the anchor
+// until its one callback has come (or the request was dropped), and an owner
+// that went away first has disconnected it, so the callback reaches nothing.
 #ifndef ZELSOCKET_SRC_CHANNEL_HOST_RESOLVE_SINK_ANCHOR_H
 #define ZELSOCKET_SRC_CHANNEL_HOST_RESOLVE_SINK_ANCHOR_H
 
@@ -21,18 +21,11 @@ class HostResolveSinkAnchor : public RefCountBase, public IHostResolveSink {
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
 
-  // Resolves through this anchor, keeping it alive until the callback.
-  bool Resolve(const char* host, void* ctx) {
-    AddRef();
-    if (HostResolve(host, this, ctx)) return true;
-    Release();
-    return false;
-  }
+  bool Resolve(const char* host, void* ctx) { return HostResolve(host, this, ctx); }
 
   void OnHostResolve(int err, const char* host, const IPAddress& address, void* ctx) override {
     Owner* owner = m_owner.load(std::memory_order_acquire);
     if (owner && m_method) (owner->*m_method)(err, host, address, ctx);
-    Release();  // the reference taken by Resolve
   }
 
   void Disconnect() { m_owner.store(nullptr, std::memory_order_release); }

@@ -212,3 +212,60 @@ TEST(HostResolveNetns, RealNameEndToEnd) {
 }
 
 }  // namespace
+
+namespace {
+
+// Says on destruction that it has gone; answers set a flag first.
+class ShortLivedSink : public IHostResolveSink, public RefCountBase {
+ public:
+  ShortLivedSink(std::atomic<int>* answered, std::atomic<int>* destroyed)
+      : m_answered(answered), m_destroyed(destroyed) {}
+  ~ShortLivedSink() override { ++*m_destroyed; }
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnHostResolve(int, const char*, const IPAddress&, void*) override { ++*m_answered; }
+
+ private:
+  std::atomic<int>* m_answered;
+  std::atomic<int>* m_destroyed;
+};
+
+// A caller may let go of its sink at once: the request keeps it until the
+// answer, and lets it go afterwards — also when a stopping loop drops the
+// request without answering.
+TEST(HostResolveSinkLifetime, TheRequestHoldsItsSink) {
+  std::atomic<int> answered{0}, destroyed{0};
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  loop.SyncCall([&] {
+    auto* sink = new ShortLivedSink(&answered, &destroyed);
+    ASSERT_TRUE(HostResolve("127.0.0.1", sink, nullptr));
+    sink->Release();
+    EXPECT_EQ(destroyed.load(), 0);
+  });
+  ASSERT_TRUE(zstest::WaitUntil([&] { return destroyed == 1; }));
+  EXPECT_EQ(answered.load(), 1);
+
+  // Now a request that is still queued when its loop stops: dropped unanswered,
+  // and its sink released.  The request is posted from the loop thread, which
+  // then waits until the stop has begun; the stop runs before the queue does.
+  Semaphore posted, release;
+  bool accepted = false;
+  loop.AsyncCall([&] {
+    auto* sink = new ShortLivedSink(&answered, &destroyed);
+    accepted = HostResolve("127.0.0.1", sink, nullptr);
+    sink->Release();
+    posted.Post();
+    release.Wait();
+  });
+  posted.Wait();
+  ASSERT_TRUE(accepted);
+  std::thread stopper([&] { loop.Stop(); });
+  ASSERT_TRUE(zstest::WaitUntil([&] { return loop.DelayCall(100000, [] {}) == -1; }));
+  release.Post();
+  stopper.join();
+  EXPECT_EQ(destroyed.load(), 2);
+  EXPECT_EQ(answered.load(), 1);  // the second request was never answered
+}
+
+}  // namespace
