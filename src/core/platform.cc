@@ -130,15 +130,15 @@ bool HasWideString(const char* format) {
 }
 
 template <typename T>
-void FormatOne(std::string& out, const std::string& spec, T value) {
+void FormatOne(std::string& out, const std::string& conversion, T value) {
   char small[256];
-  int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+  int n = std::snprintf(small, sizeof small, conversion.c_str(), value);
   if (n < 0) return;
   if (static_cast<std::size_t>(n) < sizeof small) {
     out.append(small, static_cast<std::size_t>(n));
   } else {
     std::string big(static_cast<std::size_t>(n) + 1, '\0');
-    std::snprintf(&big[0], big.size(), spec.c_str(), value);
+    std::snprintf(&big[0], big.size(), conversion.c_str(), value);
     out.append(big.data(), static_cast<std::size_t>(n));
   }
 }
@@ -161,22 +161,22 @@ std::string FormatPiecewise(const char* format, va_list args) {
       p += 2;
       continue;
     }
-    std::string spec = "%";
+    std::string conversion = "%";
     ++p;
-    while (*p && std::strchr("-+ #0'", *p)) spec += *p++;
+    while (*p && std::strchr("-+ #0'", *p)) conversion += *p++;
     if (*p == '*') {
-      spec += std::to_string(va_arg(args, int));
+      conversion += std::to_string(va_arg(args, int));
       ++p;
     } else {
-      while (*p >= '0' && *p <= '9') spec += *p++;
+      while (*p >= '0' && *p <= '9') conversion += *p++;
     }
     if (*p == '.') {
-      spec += *p++;
+      conversion += *p++;
       if (*p == '*') {
-        spec += std::to_string(va_arg(args, int));
+        conversion += std::to_string(va_arg(args, int));
         ++p;
       } else {
-        while (*p >= '0' && *p <= '9') spec += *p++;
+        while (*p >= '0' && *p <= '9') conversion += *p++;
       }
     }
     std::string length;
@@ -187,45 +187,45 @@ std::string FormatPiecewise(const char* format, va_list args) {
     switch (conv) {
       case 'd':
       case 'i':
-        if (length == "l") FormatOne(out, spec + length + conv, va_arg(args, long));
-        else if (length == "ll") FormatOne(out, spec + length + conv, va_arg(args, long long));
+        if (length == "l") FormatOne(out, conversion + length + conv, va_arg(args, long));
+        else if (length == "ll") FormatOne(out, conversion + length + conv, va_arg(args, long long));
         else if (length == "z" || length == "j" || length == "t")
-          FormatOne(out, spec + "ll" + conv, static_cast<long long>(va_arg(args, std::ptrdiff_t)));
-        else FormatOne(out, spec + length + conv, va_arg(args, int));
+          FormatOne(out, conversion + "ll" + conv, static_cast<long long>(va_arg(args, std::ptrdiff_t)));
+        else FormatOne(out, conversion + length + conv, va_arg(args, int));
         break;
       case 'o': case 'u': case 'x': case 'X':
-        if (length == "l") FormatOne(out, spec + length + conv, va_arg(args, unsigned long));
-        else if (length == "ll") FormatOne(out, spec + length + conv, va_arg(args, unsigned long long));
+        if (length == "l") FormatOne(out, conversion + length + conv, va_arg(args, unsigned long));
+        else if (length == "ll") FormatOne(out, conversion + length + conv, va_arg(args, unsigned long long));
         else if (length == "z" || length == "j" || length == "t")
-          FormatOne(out, spec + "ll" + conv, static_cast<unsigned long long>(va_arg(args, std::size_t)));
-        else FormatOne(out, spec + length + conv, va_arg(args, unsigned));
+          FormatOne(out, conversion + "ll" + conv, static_cast<unsigned long long>(va_arg(args, std::size_t)));
+        else FormatOne(out, conversion + length + conv, va_arg(args, unsigned));
         break;
       case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-        if (length == "L") FormatOne(out, spec + length + conv, va_arg(args, long double));
-        else FormatOne(out, spec + conv, va_arg(args, double));
+        if (length == "L") FormatOne(out, conversion + length + conv, va_arg(args, long double));
+        else FormatOne(out, conversion + conv, va_arg(args, double));
         break;
       case 'c':
-        FormatOne(out, spec + conv, va_arg(args, int));
+        FormatOne(out, conversion + conv, va_arg(args, int));
         break;
       case 'p':
-        FormatOne(out, spec + conv, va_arg(args, void*));
+        FormatOne(out, conversion + conv, va_arg(args, void*));
         break;
       case 'n':
         (void)va_arg(args, void*);  // never written: formats come from the library itself
         break;
       case 's':
         if (length == "l") {
-          FormatOne(out, spec + "s", WideToUtf8(va_arg(args, const wchar_t*)).c_str());
+          FormatOne(out, conversion + "s", WideToUtf8(va_arg(args, const wchar_t*)).c_str());
         } else {
           const char* s = va_arg(args, const char*);
-          FormatOne(out, spec + "s", s ? s : "(null)");
+          FormatOne(out, conversion + "s", s ? s : "(null)");
         }
         break;
       case 'S':
-        FormatOne(out, spec + "s", WideToUtf8(va_arg(args, const wchar_t*)).c_str());
+        FormatOne(out, conversion + "s", WideToUtf8(va_arg(args, const wchar_t*)).c_str());
         break;
       default:
-        out += spec;
+        out += conversion;
         out += conv;
         break;
     }
