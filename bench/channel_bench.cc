@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "channel/udp_data_sender.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/io_loop.h"
@@ -33,11 +34,6 @@
 using namespace zelsocket;
 
 namespace {
-
-// The sender logs every packet it drops; a benchmark that drops 100,000 would
-// measure the log.
-void Quiet(LOG_LEVEL, const char*, const char*) {}
-const bool kQuiet = (SetLogCallback(&Quiet), true);
 
 // Echoes every datagram, on a thread of its own.
 class EchoPeer {
@@ -246,7 +242,6 @@ void BM_RoundTrip_RawLibuv(benchmark::State& state) {
 
 constexpr int kPending = 100000;
 
-size_t HeapInUse() { return mallinfo2().uordblks; }
 
 // A sender whose loop never runs: its timer and posted pass stay idle, and
 // the benchmark thread is the only one touching it.
@@ -263,9 +258,9 @@ void BM_PendingMemory_Sender(benchmark::State& state) {
     std::unique_ptr<UdpDataSender> sender(new UdpDataSender(&idle));
     sender->m_paused = false;
     sender->m_dest = IPEndPoint("127.0.0.1", 9);
-    size_t before = HeapInUse();
+    size_t before = zsbench::HeapInUse();
     for (int i = 0; i < kPending; ++i) sender->SendPacket(buffers[i], option, static_cast<unsigned>(i + 1), 0);
-    size_t after = HeapInUse();
+    size_t after = zsbench::HeapInUse();
     perPacket = static_cast<double>(after - before) / kPending;
     state.PauseTiming();
     sender.reset();
@@ -281,7 +276,7 @@ void BM_PendingMemory_RawLibuvTimers(benchmark::State& state) {
   uv_loop_init(&loop);
   double perPacket = 0;
   for (auto _ : state) {
-    size_t before = HeapInUse();
+    size_t before = zsbench::HeapInUse();
     std::vector<uv_timer_t*> timers;
     timers.reserve(kPending);
     for (int i = 0; i < kPending; ++i) {
@@ -290,7 +285,7 @@ void BM_PendingMemory_RawLibuvTimers(benchmark::State& state) {
       uv_timer_start(t, [](uv_timer_t*) {}, 3000, 0);
       timers.push_back(t);
     }
-    size_t after = HeapInUse();
+    size_t after = zsbench::HeapInUse();
     perPacket = static_cast<double>(after - before) / kPending;
     state.PauseTiming();
     for (auto* t : timers) uv_close(reinterpret_cast<uv_handle_t*>(t), [](uv_handle_t* h) {
@@ -367,4 +362,4 @@ BENCHMARK(BM_PendingMemory_RawLibuvTimers)->Iterations(3)->Unit(benchmark::kMill
 BENCHMARK(BM_PassPerDuePacket_Sender)->Arg(1000)->Arg(10000)->Arg(100000);
 BENCHMARK(BM_PassPerDuePacket_RawLibuvTimers)->Arg(1000)->Arg(10000)->Arg(100000);
 
-BENCHMARK_MAIN();
+ZSBENCH_MAIN()

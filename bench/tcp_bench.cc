@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
@@ -108,19 +109,10 @@ struct OurClient {
   bool ok = false;
 };
 
-IOLoop* BenchLoop() {
-  static IOLoop* loop = [] {
-    auto* l = new IOLoop();
-    l->Start();
-    return l;
-  }();
-  return loop;
-}
-
 void BM_Bulk_ITcpSend(benchmark::State& state) {
   Peer peer(false);
   {
-    OurClient client(BenchLoop(), peer.Port());
+    OurClient client(zsbench::SharedLoop(), peer.Port());
     if (!client.ok) {
       state.SkipWithError("connect failed");
       return;
@@ -153,7 +145,7 @@ void BM_Bulk_ITcpSend(benchmark::State& state) {
 
 void BM_PingPong_ITcp(benchmark::State& state) {
   Peer peer(true);
-  OurClient client(BenchLoop(), peer.Port());
+  OurClient client(zsbench::SharedLoop(), peer.Port());
   if (!client.ok) {
     state.SkipWithError("connect failed");
     return;
@@ -332,4 +324,4 @@ BENCHMARK(BM_Bulk_RawUvWrite_ManyInFlight)->UseRealTime()->MeasureProcessCPUTime
 BENCHMARK(BM_PingPong_ITcp)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PingPong_RawUv)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 
-BENCHMARK_MAIN();
+ZSBENCH_MAIN()

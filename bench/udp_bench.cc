@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "socket/udp_impl.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/io_loop.h"
@@ -33,17 +34,6 @@
 using namespace zelsocket;
 
 namespace {
-
-// The log lines are formatted as always (their cost is part of the measure)
-// but not written out.
-void DiscardLog(LOG_LEVEL, const char*, const char*) {}
-const bool kLogQuiet = (SetLogCallback(&DiscardLog), true);
-
-double ProcessCpuSeconds() {
-  timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 IPEndPoint LocalOf(int fd) {
   sockaddr_storage name = {};
@@ -114,15 +104,6 @@ class Peer {
   std::atomic<long> m_count{0};
   std::thread m_thread;
 };
-
-IOLoop& BenchLoop() {
-  static IOLoop* loop = [] {
-    auto* l = new IOLoop();
-    l->Start();
-    return l;
-  }();
-  return *loop;
-}
 
 RefPtr<IMutableBuffer> Payload(int size) {
   RefPtr<IMutableBuffer> b;
@@ -200,12 +181,12 @@ void BM_Echo_Raw(benchmark::State& state) {
           }
           send(c);
         });
-    double cpu0 = ProcessCpuSeconds();
+    double cpu0 = zsbench::ProcessCpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     send(&ctx);
     uv_run(&loop, UV_RUN_DEFAULT);
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = ProcessCpuSeconds() - cpu0;
+    double cpu = zsbench::ProcessCpuSeconds() - cpu0;
     uv_close(reinterpret_cast<uv_handle_t*>(&ctx.udp), nullptr);
     uv_run(&loop, UV_RUN_DEFAULT);
     uv_loop_close(&loop);
@@ -217,7 +198,7 @@ void BM_Echo_Raw(benchmark::State& state) {
 void BM_Echo_IUdp(benchmark::State& state) {
   Peer echo(true);
   IPEndPoint dest = echo.Address();
-  IOLoop& loop = BenchLoop();
+  IOLoop& loop = *zsbench::SharedLoop();
   for (auto _ : state) {
     RefPtr<IUdp> udp;
     CreateUdp(udp, &loop);
@@ -238,12 +219,12 @@ void BM_Echo_IUdp(benchmark::State& state) {
     udp->SetSink(sink);
     udp->Open(IPEndPoint(IPAddress::Loopback, 0));
     udp->StartRecv(in, nullptr);
-    double cpu0 = ProcessCpuSeconds();
+    double cpu0 = zsbench::ProcessCpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     udp->Send(out, dest, nullptr);
     done.Wait();
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = ProcessCpuSeconds() - cpu0;
+    double cpu = zsbench::ProcessCpuSeconds() - cpu0;
     udp->Close();
     state.SetIterationTime(seconds);
     Report(state, kRoundTrips - left, seconds, cpu);
@@ -293,14 +274,14 @@ void RawOneWay(benchmark::State& state, int size, int window) {
         }
       }
     };
-    double cpu0 = ProcessCpuSeconds();
+    double cpu0 = zsbench::ProcessCpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     long before = sinkPeer.Count();
     Glue::Pump(&ctx, &idle);
     uv_run(&loop, UV_RUN_DEFAULT);
     long got = sinkPeer.WaitFor(before + kDatagrams) - before;
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = ProcessCpuSeconds() - cpu0;
+    double cpu = zsbench::ProcessCpuSeconds() - cpu0;
     uv_close(reinterpret_cast<uv_handle_t*>(&ctx.udp), nullptr);
     uv_run(&loop, UV_RUN_DEFAULT);
     uv_loop_close(&loop);
@@ -313,7 +294,7 @@ void RawOneWay(benchmark::State& state, int size, int window) {
 void IUdpOneWayOnLoop(benchmark::State& state, int size) {
   Peer sinkPeer(false);
   IPEndPoint dest = sinkPeer.Address();
-  IOLoop& loop = BenchLoop();
+  IOLoop& loop = *zsbench::SharedLoop();
   for (auto _ : state) {
     RefPtr<IUdp> udp;
     CreateUdp(udp, &loop);
@@ -331,7 +312,7 @@ void IUdpOneWayOnLoop(benchmark::State& state, int size) {
     };
     udp->SetSink(sink);
     udp->Open(IPEndPoint(IPAddress::Loopback, 0));
-    double cpu0 = ProcessCpuSeconds();
+    double cpu0 = zsbench::ProcessCpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     long before = sinkPeer.Count();
     loop.SyncCall([&] {
@@ -340,7 +321,7 @@ void IUdpOneWayOnLoop(benchmark::State& state, int size) {
     done.Wait();
     long got = sinkPeer.WaitFor(before + kDatagrams) - before;
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = ProcessCpuSeconds() - cpu0;
+    double cpu = zsbench::ProcessCpuSeconds() - cpu0;
     udp->Close();
     state.SetIterationTime(seconds);
     Report(state, got, seconds, cpu);
@@ -353,7 +334,7 @@ void IUdpOneWayOnLoop(benchmark::State& state, int size) {
 void IUdpOneWayForeign(benchmark::State& state, int size) {
   Peer sinkPeer(false);
   IPEndPoint dest = sinkPeer.Address();
-  IOLoop& loop = BenchLoop();
+  IOLoop& loop = *zsbench::SharedLoop();
   const long window = std::max(8, 65536 / size);
   for (auto _ : state) {
     RefPtr<IUdp> udp;
@@ -363,7 +344,7 @@ void IUdpOneWayForeign(benchmark::State& state, int size) {
     RefPtr<IMutableBuffer> out = Payload(size);
     udp->SetSink(sink);
     udp->Open(IPEndPoint(IPAddress::Loopback, 0));
-    double cpu0 = ProcessCpuSeconds();
+    double cpu0 = zsbench::ProcessCpuSeconds();
     auto t0 = std::chrono::steady_clock::now();
     long before = sinkPeer.Count();
     for (long sent = 0; sent < kDatagrams; ++sent) {
@@ -373,7 +354,7 @@ void IUdpOneWayForeign(benchmark::State& state, int size) {
     while (sink->reported.load() < kDatagrams) std::this_thread::yield();
     long got = sinkPeer.WaitFor(before + kDatagrams) - before;
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = ProcessCpuSeconds() - cpu0;
+    double cpu = zsbench::ProcessCpuSeconds() - cpu0;
     udp->Close();
     state.SetIterationTime(seconds);
     Report(state, got, seconds, cpu);
@@ -391,7 +372,7 @@ void BM_OneWay_IUdp_OtherThread(benchmark::State& s) { IUdpOneWayForeign(s, stat
 long HeapInUse() { return static_cast<long>(mallinfo2().uordblks); }
 
 void BM_Memory_PerOpenSocket(benchmark::State& state) {
-  IOLoop& loop = BenchLoop();
+  IOLoop& loop = *zsbench::SharedLoop();
   constexpr int kSockets = 300;
   for (auto _ : state) {
     std::vector<RefPtr<IUdp>> sockets(kSockets);
@@ -424,7 +405,7 @@ void BM_Memory_PerOpenSocket(benchmark::State& state) {
 }
 
 void BM_Memory_PerQueuedDatagram(benchmark::State& state) {
-  IOLoop& loop = BenchLoop();
+  IOLoop& loop = *zsbench::SharedLoop();
   constexpr int kQueued = 1000;
   Peer sinkPeer(false);
   IPEndPoint dest = sinkPeer.Address();
@@ -470,4 +451,4 @@ BENCHMARK(BM_OneWay_IUdp_OtherThread)->Arg(64)->Arg(1200)->UseManualTime()->Unit
 BENCHMARK(BM_Memory_PerOpenSocket)->Iterations(1);
 BENCHMARK(BM_Memory_PerQueuedDatagram)->Iterations(1);
 
-BENCHMARK_MAIN();
+ZSBENCH_MAIN()

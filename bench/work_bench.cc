@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "bench_support.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
 #include "zelsocket/work.h"
@@ -16,18 +17,9 @@ namespace {
 
 constexpr int kJobsPerIteration = 2000;
 
-IOLoop* BenchLoop() {
-  static IOLoop* loop = [] {
-    auto* l = new IOLoop();
-    l->Start();
-    return l;
-  }();
-  return loop;
-}
-
 // One job in flight: each after-work function queues the next job.
 void BM_Work_OneInFlight(benchmark::State& state) {
-  Work work(BenchLoop());
+  Work work(zsbench::SharedLoop());
   for (auto _ : state) {
     Semaphore done;
     int left = kJobsPerIteration;
@@ -68,7 +60,7 @@ void BM_RawUvQueueWork_OneInFlight(benchmark::State& state) {
 // All jobs queued at once; a SequenceWork runs them one after another, so the
 // time per job is its latency from one job's report to the next job's report.
 void BM_SequenceWork_PerJob(benchmark::State& state) {
-  SequenceWork seq(BenchLoop());
+  SequenceWork seq(zsbench::SharedLoop());
   for (auto _ : state) {
     Semaphore done;
     int left = kJobsPerIteration;
@@ -88,12 +80,4 @@ BENCHMARK(BM_Work_OneInFlight)->UseRealTime()->MeasureProcessCPUTime()->Unit(ben
 BENCHMARK(BM_RawUvQueueWork_OneInFlight)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SequenceWork_PerJob)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 
-int main(int argc, char** argv) {
-  // The pool is sized at its first use; both sides share it.
-  setenv("UV_THREADPOOL_SIZE", "4", 1);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+ZSBENCH_MAIN()
