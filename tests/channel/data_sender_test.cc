@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/channel_test_util.h"
 #include "channel/fake_udp.h"
 #include "channel/udp_data_sender.h"
 #include "support/test_support.h"
@@ -14,6 +15,9 @@
 using namespace zelsocket;
 
 namespace {
+
+using zstest::Bytes;
+using zstest::Schedule;
 
 std::atomic<std::uint64_t> g_tick{1000000};
 std::atomic<std::int64_t> g_wall{1700000000};
@@ -36,21 +40,6 @@ class RecordingSink : public IDataSenderSink {
   std::vector<Timeout> timeouts;
   std::function<void(unsigned int)> hook;
 };
-
-RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {
-  RefPtr<IChannelSendOption> o;
-  CreateChannelSendOption(o);
-  o->SetPacketPerSend(1);
-  for (int i : intervals) o->AddSendInterval(i);
-  return o;
-}
-
-RefPtr<IConstBuffer> Bytes(const std::string& text) {
-  RefPtr<IMutableBuffer> b;
-  CreateBuffer(b);
-  b->CopyFrom(text.data(), static_cast<int>(text.size()));
-  return RefPtr<IConstBuffer>(b.Get());
-}
 
 // A sender on a loop of its own, driven by a fake clock.  The sender's real
 // timer keeps running too, but with the clock held still it finds nothing due;

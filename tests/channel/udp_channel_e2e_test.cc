@@ -14,6 +14,7 @@
 #include <mutex>
 #include <thread>
 
+#include "channel/channel_test_util.h"
 #include "channel/channel_sink.h"
 #include "support/process.h"
 #include "support/test_support.h"
@@ -26,6 +27,9 @@ using namespace zelsocket;
 
 namespace {
 
+using zstest::Bytes;
+using zstest::Schedule;
+
 // Answers each request by echoing it, after dropping its first `drop` copies.
 // Requests are told apart by their first four bytes.
 class DroppingResponder : public zstest::UdpEchoPeer {
@@ -35,21 +39,6 @@ class DroppingResponder : public zstest::UdpEchoPeer {
           return ++seen[datagram.substr(0, 4)] > drop;
         }) {}
 };
-
-RefPtr<IConstBuffer> Bytes(const void* data, size_t size) {
-  RefPtr<IMutableBuffer> b;
-  CreateBuffer(b);
-  b->CopyFrom(data, static_cast<int>(size));
-  return RefPtr<IConstBuffer>(b.Get());
-}
-
-RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {
-  RefPtr<IChannelSendOption> o;
-  CreateChannelSendOption(o);
-  o->SetPacketPerSend(1);
-  for (int i : intervals) o->AddSendInterval(i);
-  return o;
-}
 
 bool HaveRealSockets() {
   RefPtr<IUdp> udp;

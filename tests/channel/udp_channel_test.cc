@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "channel/channel_test_util.h"
 #include "channel/channel_sink.h"
 #include "channel/fake_udp.h"
 #include "channel/udp_channel_impl.h"
@@ -16,6 +17,9 @@
 using namespace zelsocket;
 
 namespace {
+
+using zstest::Bytes;
+using zstest::Schedule;
 
 std::mutex g_fakesMutex;
 std::vector<RefPtr<zstest::FakeUdp>> g_fakes;
@@ -31,21 +35,6 @@ bool FakeFactory(RefPtr<IUdp>& out, IOLoop*) {
   g_fakes.push_back(fake);
   out = fake.Get();
   return true;
-}
-
-RefPtr<IConstBuffer> Bytes(const std::string& text) {
-  RefPtr<IMutableBuffer> b;
-  CreateBuffer(b);
-  b->CopyFrom(text.data(), static_cast<int>(text.size()));
-  return RefPtr<IConstBuffer>(b.Get());
-}
-
-RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {
-  RefPtr<IChannelSendOption> o;
-  CreateChannelSendOption(o);
-  o->SetPacketPerSend(1);
-  for (int i : intervals) o->AddSendInterval(i);
-  return o;
 }
 
 class UdpChannelTest : public ::testing::Test {
