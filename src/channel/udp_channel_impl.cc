@@ -48,6 +48,7 @@ UdpChannelImpl::~UdpChannelImpl() {
   // The sender's timer and posted pass run on the loop thread, as do socket
   // reports: tear both down there, so that nothing of ours runs afterwards.
   auto teardown = [this] {
+    LogInfo(tag::kUdpChannel, "UdpChannelImpl::_Close");
     _CloseSocketUnchecked(false, false);
     m_sender.reset();
   };
