@@ -4,6 +4,15 @@
 // that loop's thread.  Code reaches the loop thread with AsyncCall (run soon, do
 // not wait), SyncCall (run and wait), DelayCall (run after a delay, on a 50 ms
 // grain) and QueueWork (run on libuv's pool, report on the loop thread).
+//
+// Broken pipes: on POSIX, a write to a TCP peer that has gone raises SIGPIPE,
+// whose default action ends the process.  The library changes no process-wide
+// setting for this.  All socket writes are made on loop threads, and each loop
+// thread blocks SIGPIPE in its own signal mask when it starts, so such a write
+// fails with EPIPE and reaches the sink as an error.  The signal stays blocked
+// for whatever else runs on a loop thread (sink callbacks, after-work
+// functions), and libuv's pool threads, which libuv starts from the first loop
+// thread that needs them, inherit the same mask.  Windows has no SIGPIPE.
 #ifndef ZELSOCKET_IO_LOOP_H
 #define ZELSOCKET_IO_LOOP_H
 

@@ -52,7 +52,6 @@ IOLoopImpl::~IOLoopImpl() {
 int IOLoopImpl::Start() {
   int ret = -1;
   if (Loop() == nullptr && !(m_flags.load() & kStopping)) {
-    platform::IgnoreBrokenPipe();
     auto* loop = static_cast<uv_loop_t*>(std::calloc(1, sizeof(uv_loop_t)));
     bool initialised = loop && uv_loop_init(loop) == 0;
     if (!initialised) {
@@ -82,6 +81,7 @@ int IOLoopImpl::Start() {
 
 void IOLoopImpl::_ThreadProc(void* arg) {
   auto* self = static_cast<IOLoopImpl*>(arg);
+  platform::BlockBrokenPipeOnThisThread();
   self->_InitOnLoopThread();
   platform::SetThreadSlot(self->m_owner);
   self->m_startSem->Post();
