@@ -44,8 +44,12 @@ class ZELSOCKET_API IWorkCallback : public IRefCount {
   // Runs on the loop thread after OnWork, with libuv's status (0, or
   // UV_ECANCELED-like errors).
   virtual void OnAfterWork(int status, void* data) = 0;
-  // Runs on the loop thread instead of OnWork/OnAfterWork when the loop stops
-  // before the job could report; `data` can be released here.
+  // Runs instead of OnAfterWork (and instead of OnWork if that had not started)
+  // when the loop stops before the job could report; `data` can be released
+  // here, and nothing more should be done.  It runs on the loop thread, except
+  // for a job whose OnWork was still running when the loop ended: Stop does not
+  // wait for such a job, and its drop runs on a thread of the library once
+  // OnWork has returned.
   virtual void OnWorkDropped(void* /*data*/) {}
 };
 
@@ -62,9 +66,10 @@ class ZELSOCKET_API IOLoop {
   // Starts the thread and blocks until it runs.  0, or -1 when already started,
   // stopping, or the loop or thread could not be created.
   int Start();
-  // Blocks until the loop thread has ended; what is still queued is dropped
-  // without running (SyncCall callers waiting on it get -1).  -1 when not
-  // running, already stopping, or called on the loop thread itself.
+  // Blocks until the loop thread has ended, which it does at once; what is still
+  // queued is dropped without running (SyncCall callers waiting on it get -1),
+  // and jobs whose OnWork is running are not waited for (see OnWorkDropped).
+  // -1 when not running, already stopping, or called on the loop thread itself.
   int Stop();
 
   bool IsLoopThread() const;
@@ -97,6 +102,7 @@ class ZELSOCKET_API IOLoop {
   static IOLoop* GetLoop();
 
  private:
+  friend class IOLoopImpl;
   IOLoopImpl* _impl;
 };
 

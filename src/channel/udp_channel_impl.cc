@@ -52,10 +52,7 @@ UdpChannelImpl::~UdpChannelImpl() {
     _CloseSocketUnchecked(false, false);
     m_sender.reset();
   };
-  if (!m_loop || m_loop->IsLoopThread() || m_loop->SyncCall(teardown) != 0) {
-    // No loop thread runs (or this is it): nothing can race with us.
-    if (m_sender) teardown();
-  }
+  RunFinalOnLoop(m_loop, teardown);
   delete m_connectOption;
 }
 
