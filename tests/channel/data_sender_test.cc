@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,11 +24,7 @@ std::atomic<std::int64_t> g_wall{1700000000};
 std::uint64_t FakeTick() { return g_tick.load(); }
 std::int64_t FakeWall() { return g_wall.load(); }
 
-struct Timeout {
-  unsigned int cookie;
-  int retry, send;
-  bool operator==(const Timeout& o) const { return cookie == o.cookie && retry == o.retry && send == o.send; }
-};
+using Timeout = std::tuple<unsigned, int, int>;  // cookie, retry, send
 
 // Records what the sender transmits and reports; `hook` lets a report call back in.
 class Sender : public DataSender, public IDataSenderSink {
@@ -38,7 +35,7 @@ class Sender : public DataSender, public IDataSenderSink {
     return 0;
   }
   void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
-    timeouts.push_back({cookie, retry, send});
+    timeouts.emplace_back(cookie, retry, send);
     if (hook) hook(cookie);
   }
   std::vector<unsigned> sent;
@@ -94,14 +91,10 @@ TEST_F(DataSenderTest, DefaultScheduleSendsAt0And3And8SecondsAndTimesOutAt15) {
   RefPtr<IChannelSendOption> udp = Schedule({});
   udp->SetDefaultForUdp();
   ASSERT_TRUE(Send(7, udp, FakeTick() - 5));  // requested 5 ms before it was made
-  struct Step {
-    int ms, seconds;
-    size_t transmissions;
-  };
-  for (const Step& step : std::vector<Step>{{2999, 3, 1}, {1, 0, 2}, {4999, 5, 2}, {1, 0, 3}, {6999, 7, 3}}) {
-    const int ms = step.ms;
-    const size_t transmissions = step.transmissions;
-    g_wall += step.seconds;
+  // Milliseconds to move on, the wall clock's seconds with them, transmissions by then.
+  for (auto [ms, seconds, transmissions] : std::vector<std::tuple<int, int, size_t>>{
+           {2999, 3, 1}, {1, 0, 2}, {4999, 5, 2}, {1, 0, 3}, {6999, 7, 3}}) {
+    g_wall += seconds;
     AdvanceAndPass(ms);
     EXPECT_EQ(sender->sent.size(), transmissions) << "after " << ms << " ms more";
   }
@@ -215,7 +208,7 @@ TEST(DataSenderRealClock, TheTimerOfTheGivenLoopDrivesTheSchedule) {
   EXPECT_TRUE(onLoopThread);
   ASSERT_EQ(loop.SyncCall([&] {
     EXPECT_EQ(sender->sent.size(), 2u);
-    EXPECT_EQ(sender->timeouts.at(0).retry, 2);
+    EXPECT_EQ(std::get<1>(sender->timeouts.at(0)), 2);
     sender.reset();
   }), 0);
   EXPECT_EQ(loop.Stop(), 0);

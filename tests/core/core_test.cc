@@ -1,6 +1,5 @@
 // Reference counting, cookies and the log: the pieces every other object uses.
 #include <atomic>
-#include <cstring>
 #include <set>
 #include <string>
 #include <thread>
@@ -94,16 +93,6 @@ TEST(Log, MessagesAreCutTo2047CharactersAndWideStringsPrintAsUtf8) {
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0].message, std::string(2047, 'a'));
   EXPECT_EQ(lines[1].message, "\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80[   ab|c   |4000000000]");
-}
-
-TEST(FormatToBuffer, ReportsTruncationAndRefusesNoRoom) {
-  char buffer[8];
-  std::memset(buffer, 'z', sizeof buffer);
-  EXPECT_EQ(FormatToBuffer(buffer, 0, "abc"), 0);
-  EXPECT_EQ(buffer[0], 'z');
-  EXPECT_EQ(FormatToBuffer(buffer, 8, "%d", 1234567), 7);
-  EXPECT_EQ(FormatToBuffer(buffer, 8, "%d", 12345678), -1);
-  EXPECT_STREQ(buffer, "1234567");
 }
 
 }  // namespace
