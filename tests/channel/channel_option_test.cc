@@ -1,9 +1,9 @@
-#include <stdexcept>
-#include <vector>
+#include "zelsocket/channel_option.h"
 
 #include <gtest/gtest.h>
 
-#include "zelsocket/channel_option.h"
+#include <stdexcept>
+#include <vector>
 
 namespace zelsocket {
 namespace {

@@ -1,7 +1,11 @@
 // The retransmission engine on a real loop.  The fuzz target checks every
 // packet's counts against a model; these cases check what it does not see:
 // the timeline and log line of the default schedule, the order of a resume,
-// the posted pass after a timeout, a batch cut short, and the real timer.
+// the posted pass after a timeout, and the real timer.
+#include "channel/data_sender.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -9,9 +13,6 @@
 #include <tuple>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "channel/data_sender.h"
 #include "support/test_support.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
@@ -92,8 +93,8 @@ TEST_F(DataSenderTest, DefaultScheduleSendsAt0And3And8SecondsAndTimesOutAt15) {
   udp->SetDefaultForUdp();
   ASSERT_TRUE(Send(7, udp, FakeTick() - 5));  // requested 5 ms before it was made
   // Milliseconds to move on, the wall clock's seconds with them, transmissions by then.
-  for (auto [ms, seconds, transmissions] : std::vector<std::tuple<int, int, size_t>>{
-           {2999, 3, 1}, {1, 0, 2}, {4999, 5, 2}, {1, 0, 3}, {6999, 7, 3}}) {
+  for (auto [ms, seconds, transmissions] :
+       std::vector<std::tuple<int, int, size_t>>{{2999, 3, 1}, {1, 0, 2}, {4999, 5, 2}, {1, 0, 3}, {6999, 7, 3}}) {
     g_wall += seconds;
     AdvanceAndPass(ms);
     EXPECT_EQ(sender->sent.size(), transmissions) << "after " << ms << " ms more";
@@ -111,7 +112,9 @@ TEST_F(DataSenderTest, DefaultScheduleSendsAt0And3And8SecondsAndTimesOutAt15) {
     EXPECT_EQ(line.level, LOG_LEVEL_INFO);
     EXPECT_EQ(line.tag, "data_sender");
     EXPECT_NE(line.message.find("retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, total-delay=15005, "
-                                "send-time="), std::string::npos) << line.message;
+                                "send-time="),
+              std::string::npos)
+        << line.message;
     EXPECT_EQ(line.message.substr(line.message.size() - 6), ",0,3,8") << line.message;
   }
   EXPECT_EQ(found, 1);
@@ -156,7 +159,7 @@ TEST_F(DataSenderTest, ResumeSendsEachLivePacketOnceInDueOrder) {
     sender->_ResendAllPacketsWhenResumeFromPause();
   });
   EXPECT_EQ(sender->sent, (std::vector<unsigned>{1, 2}));  // due 300, then due 400
-  AdvanceAndPass(299);  // the running interval restarts from the resume
+  AdvanceAndPass(299);                                     // the running interval restarts from the resume
   EXPECT_EQ(sender->sent.size(), 2u);
   AdvanceAndPass(1);
   EXPECT_EQ(sender->sent, (std::vector<unsigned>{1, 2, 1}));
@@ -166,25 +169,6 @@ TEST_F(DataSenderTest, ResumeSendsEachLivePacketOnceInDueOrder) {
   EXPECT_FALSE(ok);
   OnLoop([&] { sender.reset(); });  // packet 1 is still live: dropped without a report
   EXPECT_EQ(log.CountPrefix("cancel, cookie=1,"), 1);
-}
-
-TEST_F(DataSenderTest, AForcedBatchCanBeCutShortAndLeavesNewPacketsOut) {
-  RefPtr<IChannelSendOption> o = Schedule({1000});
-  for (unsigned c = 1; c <= 4; ++c) ASSERT_TRUE(Send(c, o));
-  bool sentFromSink = false;
-  sender->hook = [&](unsigned cookie) {
-    if (cookie == 1) sentFromSink = sender->SendPacket(payload, o, 10, FakeTick());
-    if (cookie == 2) sender->CancelForceAllPacketsTimeout();
-  };
-  size_t live = 0;
-  OnLoop([&] {
-    sender->ForceAllPacketsTimeout();
-    live = sender->PacketCount();
-  });
-  EXPECT_TRUE(sentFromSink);
-  EXPECT_EQ(live, 1u);  // packet 10 is not part of the batch
-  EXPECT_EQ(sender->timeouts, (std::vector<Timeout>{{1, 0, 1}, {2, 0, 1}}));
-  EXPECT_EQ(log.CountPrefix("cancel_timeout, cookie="), 2);  // 3 and 4
 }
 
 // The real clock and timer, on a loop that is not the creating thread's.
@@ -210,7 +194,8 @@ TEST(DataSenderRealClock, TheTimerOfTheGivenLoopDrivesTheSchedule) {
     EXPECT_EQ(sender->sent.size(), 2u);
     EXPECT_EQ(std::get<1>(sender->timeouts.at(0)), 2);
     sender.reset();
-  }), 0);
+  }),
+            0);
   EXPECT_EQ(loop.Stop(), 0);
 }
 

@@ -1,9 +1,9 @@
-#include <string>
-#include <vector>
+#include "zelsocket/buffer.h"
 
 #include <gtest/gtest.h>
 
-#include "zelsocket/buffer.h"
+#include <string>
+#include <vector>
 
 namespace zelsocket {
 namespace {
@@ -26,7 +26,7 @@ TEST(Buffer, GrowthPolicy) {
       {{'S', 5, true, 5, 16}, {'S', 3, true, 3, 16}, {'S', 0, true, 0, 16}},  // shrinking keeps the storage
       {{'A', 0, true, 0, 0}, {'A', 10, true, 10, 20}, {'A', 10, true, 20, 20}, {'A', 1, true, 21, 42}},
       {{'A', 1, true, 1, 16}},
-      {{'S', 8, true, 8, 16}, {'A', (1 << 30) - 4, false, 8, 16}},  // doubling the total would overflow
+      {{'S', 8, true, 8, 16}, {'A', (1 << 30) - 4, false, 8, 16}},            // doubling the total would overflow
       {{'C', 8, true, 8, 16}, {'C', 0, true, 8, 16}, {'C', 3, true, 3, 16}},  // zero length keeps the old bytes
   };
   for (size_t i = 0; i < cases.size(); ++i) {
@@ -35,8 +35,10 @@ TEST(Buffer, GrowthPolicy) {
       SCOPED_TRACE("case " + std::to_string(i) + ", " + s.op + std::to_string(s.n));
       const unsigned char* before = b.GetBuf();
       int capacityBefore = b.GetCapacity();
-      bool ok = s.op == 'R' ? b.Reserve(s.n) : s.op == 'S' ? b.Resize(s.n)
-                : s.op == 'A' ? b.Append(kBytes, s.n) : b.CopyFrom(kBytes, s.n);
+      bool ok = s.op == 'R'   ? b.Reserve(s.n)
+                : s.op == 'S' ? b.Resize(s.n)
+                : s.op == 'A' ? b.Append(kBytes, s.n)
+                              : b.CopyFrom(kBytes, s.n);
       EXPECT_EQ(ok, s.ok);
       EXPECT_EQ(b.GetLength(), s.length);
       EXPECT_EQ(b.GetCapacity(), s.capacity);

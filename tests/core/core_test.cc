@@ -1,11 +1,11 @@
 // Reference counting, cookies and the log: the pieces every other object uses.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "core/logging.h"
 #include "support/test_support.h"

@@ -37,7 +37,7 @@ struct ModelPacket {
   std::vector<int> intervals;
   int retry = 0;
   std::uint64_t due = 0;
-  int calls = 0;      // SendData calls expected so far
+  int calls = 0;            // SendData calls expected so far
   unsigned short port = 0;  // destination it keeps once it has one; 0: none yet
   bool ended = false;
 };
@@ -48,7 +48,7 @@ class Harness : public DataSender, public IDataSenderSink {
 
   int SendData(Packet* packet) override {
     auto it = model.find(packet->cookie);
-    CHECK(it != model.end() && !it->second.ended);  // never a transmission after the end
+    CHECK(it != model.end() && !it->second.ended);     // never a transmission after the end
     CHECK(packet->dest.GetPort() == it->second.port);  // a later destination is not its own
     ++callsSeen[packet->cookie];
     if (refuse) return -1;
@@ -106,8 +106,10 @@ class Harness : public DataSender, public IDataSenderSink {
   // missed transmissions that the model counted.
   void CheckCalls() {
     for (auto& [cookie, p] : model) {
-      if (p.ended) CHECK(callsSeen[cookie] <= p.calls);
-      else CHECK(callsSeen[cookie] == p.calls);
+      if (p.ended)
+        CHECK(callsSeen[cookie] <= p.calls);
+      else
+        CHECK(callsSeen[cookie] == p.calls);
     }
   }
 

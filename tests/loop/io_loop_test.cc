@@ -1,13 +1,13 @@
 // The loop thread: its life, what crosses onto it and in which order, what is
 // refused, and what a stop does to what is still queued.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <future>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "loop/loop_test_util.h"
 #include "zelsocket/async.h"

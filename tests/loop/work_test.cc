@@ -1,5 +1,9 @@
 // Jobs on libuv's pool: IOLoop::QueueWork, Work (free order) and SequenceWork
 // (strict order), their cancellation, destruction and a stop with jobs queued.
+#include "zelsocket/work.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <future>
@@ -9,10 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "loop/loop_test_util.h"
-#include "zelsocket/work.h"
 
 namespace zelsocket {
 namespace {
@@ -76,7 +77,8 @@ TEST_F(WorkTest, CallbackJobsRunOnThePoolAndReportOnTheLoopThread) {
   ASSERT_EQ(loop.QueueWork(cb, &tag), 0);
   loop.SyncCall([&] { fromLoop = loop.QueueWork(cb, &tag); });
   EXPECT_EQ(fromLoop, 0);
-  ASSERT_EQ(pool.QueueWork([&] { onPool = !loop.IsLoopThread(); }, [&](int) { Add(loop.IsLoopThread() ? "a" : "!"); }), 0);
+  ASSERT_EQ(pool.QueueWork([&] { onPool = !loop.IsLoopThread(); }, [&](int) { Add(loop.IsLoopThread() ? "a" : "!"); }),
+            0);
   ASSERT_TRUE(zstest::WaitUntil([&] {
     size_t n = 0;
     loop.SyncCall([&] { n = record.calls.size(); });
@@ -131,7 +133,7 @@ TEST_F(WorkTest, SequenceCancelDropsWaitingJobsAtOnceAndTheChainGoesOn) {
   ASSERT_TRUE(zstest::WaitUntil([&] { return Trace().size() == 1; }));
   auto held = std::make_shared<int>();
   ASSERT_EQ(seq.QueueWork([held] {}, [held](int) {}), 0);
-  seq.Cancel();  // job 1 runs on but does not report
+  seq.Cancel();                    // job 1 runs on but does not report
   EXPECT_EQ(held.use_count(), 1);  // released on this thread, before Cancel returned
   ASSERT_EQ(Queue(seq, "2"), 0);
   std::promise<void> cancelled;  // a Cancel inside a report ends the chain there
