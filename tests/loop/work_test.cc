@@ -23,7 +23,11 @@ using Events = std::vector<std::string>;
 // The pool is sized once per process, at its first use; a known size lets a
 // test occupy every pool thread to keep a job from starting.
 constexpr int kPoolSize = 2;
+#ifdef _WIN32
+const int g_poolSizeSet = _putenv_s("UV_THREADPOOL_SIZE", "2");
+#else
 const int g_poolSizeSet = setenv("UV_THREADPOOL_SIZE", "2", 1);
+#endif
 
 struct Gate {
   std::promise<void> promise;
