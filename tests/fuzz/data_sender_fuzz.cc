@@ -1,8 +1,8 @@
 // Drives the data sender with a byte string of operations — packets with
 // schedules drawn from the input, cancels, ticks of a fake clock, forced
-// timeouts, cancel-all, pause and resume, a destination that comes and goes, a
-// socket that refuses, a sink that calls back in — and checks every outcome
-// against a reference model that follows each packet on its own.
+// timeouts, cancel-all, pause and resume, a destination that comes, goes and
+// changes, a socket that refuses, a sink that calls back in — and checks every
+// outcome against a reference model that follows each packet on its own.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -37,7 +37,8 @@ struct ModelPacket {
   std::vector<int> intervals;
   int retry = 0;
   std::uint64_t due = 0;
-  int calls = 0;      // SendData calls expected so far
+  int calls = 0;            // SendData calls expected so far
+  unsigned short port = 0;  // destination it keeps once it has one; 0: none yet
   bool ended = false;
 };
 
@@ -47,7 +48,8 @@ class Harness : public DataSender, public IDataSenderSink {
 
   int SendData(Packet* packet) override {
     auto it = model.find(packet->cookie);
-    CHECK(it != model.end() && !it->second.ended);  // never a transmission after the end
+    CHECK(it != model.end() && !it->second.ended);     // never a transmission after the end
+    CHECK(packet->dest.GetPort() == it->second.port);  // a later destination is not its own
     ++callsSeen[packet->cookie];
     if (refuse) return -1;
     ++accepted[packet->cookie];
@@ -77,7 +79,10 @@ class Harness : public DataSender, public IDataSenderSink {
 
   // The transmission a pass or a resume makes, as the model sees it.
   void ModelSendOnce(ModelPacket& p) {
-    if (!m_paused && m_dest.IsValid()) ++p.calls;
+    if (!m_paused && m_dest.IsValid()) {
+      if (p.port == 0) p.port = m_dest.GetPort();
+      ++p.calls;
+    }
     p.due = g_now + static_cast<std::uint64_t>(static_cast<std::int64_t>(p.intervals[p.retry]));
   }
 
@@ -101,8 +106,10 @@ class Harness : public DataSender, public IDataSenderSink {
   // missed transmissions that the model counted.
   void CheckCalls() {
     for (auto& [cookie, p] : model) {
-      if (p.ended) CHECK(callsSeen[cookie] <= p.calls);
-      else CHECK(callsSeen[cookie] == p.calls);
+      if (p.ended)
+        CHECK(callsSeen[cookie] <= p.calls);
+      else
+        CHECK(callsSeen[cookie] == p.calls);
     }
   }
 
@@ -123,7 +130,6 @@ void Run(const std::uint8_t* data, std::size_t size) {
   RefPtr<IMutableBuffer> payload;
   CreateBuffer(payload);
   payload->CopyFrom("x", 1);
-  IPEndPoint dest("127.0.0.1", 9);
 
   while (at < size) {
     switch (next() % 10) {
@@ -143,6 +149,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
         if (expectOk) {  // known before the call, which transmits at once
           ModelPacket p;
           p.intervals = intervals;
+          p.port = sender.m_dest.GetPort();
           sender.model[cookie] = p;
           sender.callsSeen[cookie] = 0;
           sender.accepted[cookie] = 0;
@@ -193,14 +200,16 @@ void Run(const std::uint8_t* data, std::size_t size) {
       case 6:
         if (sender.m_paused) {
           sender.m_paused = false;
-          sender._ResendAllPacketsWhenResumeFromPause();
           for (auto& [cookie, p] : sender.model)
             if (!p.ended) sender.ModelSendOnce(p);
+          sender._ResendAllPacketsWhenResumeFromPause();
         }
         break;
-      case 7:
-        sender.m_dest = sender.m_dest.IsValid() ? IPEndPoint() : dest;
+      case 7: {  // none, or one of two ports
+        int port = next() % 3;
+        sender.m_dest = port == 0 ? IPEndPoint() : IPEndPoint("127.0.0.1", static_cast<unsigned short>(8 + port));
         break;
+      }
       case 8:
         sender.refuse = !sender.refuse;
         break;
