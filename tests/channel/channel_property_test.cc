@@ -25,17 +25,7 @@
 namespace zelsocket {
 namespace {
 
-std::mutex g_mutex;
-std::vector<RefPtr<zstest::FakeUdp>> g_sockets;
-
-bool FakeFactory(RefPtr<IUdp>& out, IOLoop*) {
-  RefPtr<zstest::FakeUdp> fake;
-  fake.Attach(new zstest::FakeUdp());
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_sockets.push_back(fake);
-  out = fake.Get();
-  return true;
-}
+using zstest::FakeUdpFactory;
 
 // The reference model and the checker in one: it knows which cookies are
 // pending, and judges every callback as it arrives (all on the loop thread).
@@ -120,21 +110,18 @@ class Model : public IChannelSink, public RefCountBase {
 class ChannelProperty : public ::testing::Test {
  protected:
   void SetUp() override {
-    UdpChannelImpl::SetUdpFactoryForTesting(&FakeFactory);
+    FakeUdpFactory::Reset();
+    UdpChannelImpl::SetUdpFactoryForTesting(&FakeUdpFactory::Make);
     ASSERT_EQ(loop.Start(), 0);
   }
   void TearDown() override {
-    loop.SyncCall([] {
-      std::lock_guard<std::mutex> lock(g_mutex);
-      g_sockets.clear();
-    });
     loop.Stop();
     UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
   }
 
   RefPtr<zstest::FakeUdp> LatestSocket() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_sockets.empty() ? RefPtr<zstest::FakeUdp>() : g_sockets.back();
+    std::lock_guard<std::mutex> lock(FakeUdpFactory::mutex);
+    return FakeUdpFactory::made.empty() ? RefPtr<zstest::FakeUdp>() : FakeUdpFactory::made.back();
   }
 
   // One random sequence.  Returns the model's failures.
@@ -262,8 +249,8 @@ class ChannelProperty : public ::testing::Test {
       stats->connects += static_cast<int>(model->connectResults.size());
       stats->received += model->received;
       model->socket = nullptr;
-      std::lock_guard<std::mutex> lock(g_mutex);
-      g_sockets.clear();
+      std::lock_guard<std::mutex> lock(FakeUdpFactory::mutex);
+      FakeUdpFactory::made.clear();
     });
     return failures;
   }
