@@ -55,6 +55,13 @@ unsigned short LocalPort(const uv_handle_t* h, bool tcp) {
   return ntohs(reinterpret_cast<sockaddr_in*>(&name)->sin_port);
 }
 
+sockaddr_storage LoopbackAddress(const char* ip) {
+  sockaddr_storage addr{};
+  if (std::strchr(ip, ':')) uv_ip6_addr(ip, 0, reinterpret_cast<sockaddr_in6*>(&addr));
+  else uv_ip4_addr(ip, 0, reinterpret_cast<sockaddr_in*>(&addr));
+  return addr;
+}
+
 struct UdpSendReq {
   uv_udp_send_t req;
   char* data;
@@ -62,14 +69,14 @@ struct UdpSendReq {
 
 }  // namespace
 
-UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer) : m_answer(std::move(answer)) {
+UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer, const char* ip)
+    : m_answer(std::move(answer)) {
   m_loop.reset(new PeerLoop(
-      [this](uv_loop_t* loop) {
+      [this, ip](uv_loop_t* loop) {
         auto* udp = PeerLoop::New<uv_udp_t>();
         uv_udp_init(loop, udp);
         udp->data = this;
-        sockaddr_in addr;
-        uv_ip4_addr("127.0.0.1", 0, &addr);
+        sockaddr_storage addr = LoopbackAddress(ip);
         uv_udp_bind(udp, reinterpret_cast<sockaddr*>(&addr), 0);
         uv_udp_recv_start(udp, PeerLoop::Alloc,
                           [](uv_udp_t* h, ssize_t n, const uv_buf_t* buf, const sockaddr* from, unsigned) {
@@ -93,14 +100,13 @@ UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer) : m_ans
 
 UdpEchoPeer::~UdpEchoPeer() = default;
 
-TcpEchoPeer::TcpEchoPeer() {
+TcpEchoPeer::TcpEchoPeer(const char* ip) {
   m_loop.reset(new PeerLoop(
-      [this](uv_loop_t* loop) {
+      [this, ip](uv_loop_t* loop) {
         auto* server = PeerLoop::New<uv_tcp_t>();
         uv_tcp_init(loop, server);
         server->data = this;
-        sockaddr_in addr;
-        uv_ip4_addr("127.0.0.1", 0, &addr);
+        sockaddr_storage addr = LoopbackAddress(ip);
         uv_tcp_bind(server, reinterpret_cast<sockaddr*>(&addr), 0);
         uv_listen(reinterpret_cast<uv_stream_t*>(server), 64, [](uv_stream_t* s, int status) {
           if (status != 0) return;

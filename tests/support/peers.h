@@ -1,5 +1,5 @@
 // Echo peers on loopback, each on a libuv loop and a thread of its own, so
-// that they run wherever libuv does.  Both bind port 0 on 127.0.0.1.
+// that they run wherever libuv does.  Both bind port 0 on loopback.
 #ifndef ZELSOCKET_TESTS_SUPPORT_PEERS_H
 #define ZELSOCKET_TESTS_SUPPORT_PEERS_H
 
@@ -15,7 +15,7 @@ struct PeerLoop;
 // Echoes each datagram unless `answer` (run on the peer's thread) says no.
 class UdpEchoPeer {
  public:
-  explicit UdpEchoPeer(std::function<bool(const std::string&)> answer = nullptr);
+  explicit UdpEchoPeer(std::function<bool(const std::string&)> answer = nullptr, const char* ip = "127.0.0.1");
   ~UdpEchoPeer();
   unsigned short Port() const { return m_port; }
   int Received() const { return m_received.load(); }
@@ -31,7 +31,7 @@ class UdpEchoPeer {
 // Accepts any number of connections and echoes what each sends.
 class TcpEchoPeer {
  public:
-  TcpEchoPeer();
+  explicit TcpEchoPeer(const char* ip = "127.0.0.1");
   ~TcpEchoPeer();
   unsigned short Port() const { return m_port; }
   int Accepted() const { return m_accepted.load(); }

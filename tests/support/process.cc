@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -59,6 +60,7 @@ std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
 
 #ifdef _WIN32
 
+// The peers that need child processes skip here, saying so.
 std::string ChildProcess::Start(const std::vector<std::string>&, const std::vector<std::string>&) {
   return "needs POSIX child processes";
 }
@@ -66,12 +68,10 @@ int ChildProcess::Wait(std::chrono::milliseconds) { return -1; }
 bool ChildProcess::Running() { return false; }
 void ChildProcess::Kill() {}
 const std::string& ChildProcess::Output() { return m_output; }
-ChildRun RunInNamespace(const std::string&, std::chrono::seconds) {
-  return ChildRun{true, -1, "needs network namespaces"};
-}
+ChildRun RunInNamespace(const std::string&, std::chrono::seconds) { return {true, -1, "needs network namespaces"}; }
 std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs dnsmasq"; }
-std::string StartHttpServer(ChildProcess&, const std::string&, unsigned short*) { return "needs POSIX processes"; }
-std::string RunCommand(const std::vector<std::string>&) { return "needs POSIX processes"; }
+std::string StartHttpServer(ChildProcess&, const std::string&, unsigned short*) { return "needs python3"; }
+std::string RunCommand(const std::vector<std::string>&) { return "needs POSIX child processes"; }
 
 #else
 
@@ -164,32 +164,33 @@ std::string RunCommand(const std::vector<std::string>& argv) {
 
 namespace {
 
-unsigned short FreePort(int type) {
-  int s = socket(AF_INET, type, 0);
+sockaddr_in Loopback(unsigned short port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  addr.sin_port = htons(port);
+  return addr;
+}
+
+unsigned short FreePort(int type) {
+  int s = socket(AF_INET, type, 0);
+  sockaddr_in addr = Loopback(0);
   socklen_t len = sizeof addr;
+  bind(s, reinterpret_cast<sockaddr*>(&addr), len);
   getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
   close(s);
   return ntohs(addr.sin_port);
 }
 
-bool AnswersDns(unsigned short port, ChildProcess& child) {
+// One query, and up to 50 ms for its answer.
+bool AnswersDns(unsigned short port) {
   int s = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(port);
+  sockaddr_in addr = Loopback(port);
   std::vector<unsigned char> q = DnsQuery(0x4242, "example.test");
-  bool ok = false;
-  for (int i = 0; i < 200 && !ok && child.Running(); ++i) {
-    sendto(s, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    pollfd p{s, POLLIN, 0};
-    unsigned char buf[512];
-    ok = poll(&p, 1, 50) == 1 && recv(s, buf, sizeof buf, 0) > 2;
-  }
+  sendto(s, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  pollfd p{s, POLLIN, 0};
+  unsigned char buf[512];
+  bool ok = poll(&p, 1, 50) == 1 && recv(s, buf, sizeof buf, 0) > 2;
   close(s);
   return ok;
 }
@@ -276,49 +277,56 @@ ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout) {
   return run;
 }
 
-std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
+namespace {
+
+// Starts the server on a free port (or the fixed `*port`) until it answers;
+// another process may take a port between our look and the server's bind.
+std::string StartServer(ChildProcess& child, int type, unsigned short* port,
+                        const std::function<std::vector<std::string>(const std::string&)>& argv,
+                        const std::function<bool(unsigned short)>& answers) {
   std::string why;
   for (int attempt = 0; attempt < 5; ++attempt) {
-    unsigned short p = *port ? *port : FreePort(SOCK_DGRAM);
-    why = child.Start({"dnsmasq", "--no-daemon", "--user=root", "--listen-address=127.0.0.1", "--bind-interfaces",
-                       "--no-resolv", "--no-hosts", "--pid-file=", "--address=/example.test/10.1.2.3",
-                       "--port=" + std::to_string(p)});
-    if (!why.empty()) return why;
-    if (AnswersDns(p, child)) {
-      *port = p;
-      return "";
+    unsigned short p = *port ? *port : FreePort(type);
+    std::vector<std::string> args = argv(std::to_string(p));
+    if (!(why = child.Start(args)).empty()) return why;
+    for (int i = 0; i < 300 && child.Running(); ++i) {
+      if (answers(p)) return (*port = p, "");
     }
     child.Kill();
-    why = "needs dnsmasq: " + child.Output();
+    why = "needs " + args[0] + ": " + child.Output();
     if (*port) break;  // a fixed port will not come free by trying again
   }
   return why;
 }
 
+}  // namespace
+
+std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
+  return StartServer(
+      child, SOCK_DGRAM, port,
+      [](const std::string& p) {
+        return std::vector<std::string>{"dnsmasq", "--no-daemon", "--user=root", "--listen-address=127.0.0.1",
+                                        "--bind-interfaces", "--no-resolv", "--no-hosts", "--pid-file=",
+                                        "--address=/example.test/10.1.2.3", "--port=" + p};
+      },
+      AnswersDns);
+}
+
 std::string StartHttpServer(ChildProcess& child, const std::string& dir, unsigned short* port) {
-  std::string why;
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    unsigned short p = FreePort(SOCK_STREAM);
-    why = child.Start({"python3", "-m", "http.server", std::to_string(p), "--bind", "127.0.0.1", "--directory", dir});
-    if (!why.empty()) return why;
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(p);
-    for (int i = 0; i < 1500 && child.Running(); ++i) {
-      int s = socket(AF_INET, SOCK_STREAM, 0);
-      bool up = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-      close(s);
-      if (up) {
-        *port = p;
-        return "";
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));  // bounded poll for the server to listen
-    }
-    child.Kill();
-    why = "needs python3 -m http.server: " + child.Output();
-  }
-  return why;
+  *port = 0;
+  return StartServer(
+      child, SOCK_STREAM, port,
+      [&](const std::string& p) {
+        return std::vector<std::string>{"python3", "-m", "http.server", p, "--bind", "127.0.0.1", "--directory", dir};
+      },
+      [](unsigned short p) {
+        int s = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = Loopback(p);
+        bool up = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        close(s);
+        if (!up) std::this_thread::sleep_for(std::chrono::milliseconds(20));  // bounded poll for the listener
+        return up;
+      });
 }
 
 #endif
