@@ -82,9 +82,11 @@ UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer, const c
                           [](uv_udp_t* h, ssize_t n, const uv_buf_t* buf, const sockaddr* from, unsigned) {
                             auto* self = static_cast<UdpEchoPeer*>(h->data);
                             if (n < 0 || !from) return std::free(buf->base);
+                            // Counted after the filter has seen it, so that a test which saw the
+                            // count also sees what the filter did.
+                            bool echo = !self->m_answer || self->m_answer(std::string(buf->base, static_cast<size_t>(n)));
                             ++self->m_received;
-                            if (self->m_answer && !self->m_answer(std::string(buf->base, static_cast<size_t>(n))))
-                              return std::free(buf->base);
+                            if (!echo) return std::free(buf->base);
                             auto* req = new UdpSendReq{{}, buf->base};
                             uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
                             uv_udp_send(&req->req, h, &out, 1, from, [](uv_udp_send_t* r, int) {
