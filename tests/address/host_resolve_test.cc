@@ -1,3 +1,5 @@
+#include "zelsocket/host_resolve.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,7 +10,6 @@
 #include "core/platform.h"
 #include "support/process.h"
 #include "support/recorder.h"
-#include "zelsocket/host_resolve.h"
 #include "zelsocket/sync.h"
 
 namespace zelsocket {
@@ -58,7 +59,7 @@ TEST(HostResolveTest, AgeOfTheEntryDecidesHowTheAnswerComes) {
   auto sink = NewRecorder();
   struct Case {
     std::int64_t age;
-    int err;             // the answer: from the entry (0), or the failed lookup waited for (-1)
+    int err;  // the answer: from the entry (0), or the failed lookup waited for (-1)
     int backgroundLookups;
   };
   const std::map<std::string, Case> cases = {{Unique("fresh"), {1190, 0, 0}},

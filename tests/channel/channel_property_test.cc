@@ -187,8 +187,10 @@ class ChannelProperty : public ::testing::Test {
         bool live = model->connected && socket;
         if (op < 45) {  // CancelSend of a pending, an ended or an unknown cookie
           unsigned int cookie = 987654321u;
-          if (!pending.empty() && pick(4) != 0) cookie = pending[pick(static_cast<int>(pending.size()))];
-          else if (!model->packets.empty() && pick(2) == 0) cookie = model->packets.begin()->first;
+          if (!pending.empty() && pick(4) != 0)
+            cookie = pending[pick(static_cast<int>(pending.size()))];
+          else if (!model->packets.empty() && pick(2) == 0)
+            cookie = model->packets.begin()->first;
           bool wasPending = model->packets.count(cookie) && model->packets[cookie].end == Model::End::kNone;
           int retry = -1, send = -1;
           channel->CancelSend(cookie, &retry, &send);
@@ -223,8 +225,10 @@ class ChannelProperty : public ::testing::Test {
         } else if (op < 93 && live && socket->recvBuffer) {
           bool fail = pick(8) == 0;
           model->expectingClose = fail;
-          if (fail) socket->FailRecv(-104);
-          else socket->Deliver("answer", 6, IPEndPoint("127.0.0.1", 9));
+          if (fail)
+            socket->FailRecv(-104);
+          else
+            socket->Deliver("answer", 6, IPEndPoint("127.0.0.1", 9));
           model->expectingClose = false;
           if (fail) model->socket = nullptr;
         }
@@ -263,12 +267,12 @@ TEST_F(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
   Stats stats;
   for (unsigned seed = 1; seed <= 60; ++seed) {
     auto failures = RunSequence(seed, 120, &stats);
-    ASSERT_TRUE(failures.empty()) << "seed " << seed << ": " << failures.front() << " (and "
-                                  << failures.size() - 1 << " more)";
+    ASSERT_TRUE(failures.empty()) << "seed " << seed << ": " << failures.front() << " (and " << failures.size() - 1
+                                  << " more)";
     quiet.Clear();
   }
-  std::printf("accepted=%d OnSend=%d OnTimeout=%d OnClose=%d OnConnect=%d OnRecv=%d\n", stats.accepted,
-              stats.onSends, stats.timeouts, stats.closes, stats.connects, stats.received);
+  std::printf("accepted=%d OnSend=%d OnTimeout=%d OnClose=%d OnConnect=%d OnRecv=%d\n", stats.accepted, stats.onSends,
+              stats.timeouts, stats.closes, stats.connects, stats.received);
   // The sequences must have reached every kind of event, or they prove little.
   EXPECT_GT(stats.accepted, 60 * 20);
   EXPECT_GT(stats.onSends, 100);

@@ -89,7 +89,6 @@ class FakeUdp : public zelsocket::IUdp, public zelsocket::RefCountBase {
 
 }  // namespace zstest
 
-
 namespace zstest {
 
 // Every socket the channel under test makes, in order; set up by the factory

@@ -58,11 +58,12 @@ int LossyRun(std::string& report) {
   SetLogCallback([](LOG_LEVEL, const char*, const char*) {});  // a line per packet would bury the result
   zstest::UdpEchoPeer responder;
   const std::string port = std::to_string(responder.Port());
-  report = zstest::RunCommand({"nft", "add table inet zs; add chain inet zs input { type filter hook input priority 0; "
-                                      "policy accept; }; add rule inet zs input udp dport " + port +
-                                      " numgen random mod 100 < " + std::to_string(kLossPercent) +
-                                      " drop; add rule inet zs input udp sport " + port + " numgen random mod 100 < " +
-                                      std::to_string(kLossPercent) + " drop"});
+  report = zstest::RunCommand({"nft",
+                               "add table inet zs; add chain inet zs input { type filter hook input priority 0; "
+                               "policy accept; }; add rule inet zs input udp dport " +
+                                   port + " numgen random mod 100 < " + std::to_string(kLossPercent) +
+                                   " drop; add rule inet zs input udp sport " + port + " numgen random mod 100 < " +
+                                   std::to_string(kLossPercent) + " drop"});
   if (!report.empty()) return (report = "needs nftables: " + report, 77);
   IOLoop loop;
   loop.Start();

@@ -82,7 +82,7 @@ TEST_F(ChannelE2ETest, DnsQueryByAddressAndByName) {
     ASSERT_TRUE(sink->Wait("recv", n + 1));
     std::string answer = sink->Of("recv")[n].data;
     EXPECT_EQ(answer.substr(0, 2), std::string(reinterpret_cast<char*>(query.data()), 2));  // the query's id
-    EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));  // the A record: 10.1.2.3
+    EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));        // the A record: 10.1.2.3
     IPEndPoint dest;
     channel->GetDestAddr(dest);
     EXPECT_EQ("127.0.0.1", dest.GetAddress().GetString());

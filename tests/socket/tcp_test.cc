@@ -137,7 +137,7 @@ TEST_F(TcpTest, UnconnectedSocketReportsLibuvErrorsAndTheQueueLimit) {
   EXPECT_EQ(tcp->Send(nullptr, Ctx(1)), -1);
   EXPECT_EQ(tcp->Send(Buf(), Ctx(1)), -1);
   EXPECT_EQ(tcp->Recv(nullptr, Ctx(1)), -1);
-  EXPECT_EQ(tcp->Recv(Buf(), Ctx(1)), -1);  // closed
+  EXPECT_EQ(tcp->Recv(Buf(), Ctx(1)), -1);        // closed
   ASSERT_EQ(tcp->Send(Buf("hello"), Ctx(1)), 0);  // opens, does not connect
   EXPECT_TRUE(tcp->IsOpen());
   ASSERT_EQ(tcp->Send(Buf(std::string(1048577, 'z')), Ctx(2)), 0);  // over 1 MiB on its own
@@ -190,8 +190,10 @@ TEST_F(TcpTest, CloseOrLastReleaseInsideEachReport) {
       raw->SetSink(s);
       s->hook = [&, kind, release](const Event& e) {
         if (e.kind != kind || e.ctx != Ctx(1)) return;
-        if (release) raw->Release();
-        else raw->Close();
+        if (release)
+          raw->Release();
+        else
+          raw->Close();
       };
       loop.SyncCall([&] {  // queued together, so no report can come between them
         raw->Connect(IPEndPoint("127.0.0.1", peer.Port()), Ctx(std::string(kind) == "connect" ? 1 : 2));

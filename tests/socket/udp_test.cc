@@ -102,11 +102,16 @@ TEST_F(UdpTest, BadInputGivesItsResultAndNoReport) {
     std::vector<int> results;
     auto run = [&] {
       results = {udp->Send(nullptr, IPEndPoint("127.0.0.1", 9), nullptr),
-                 udp->Send(b, IPEndPoint(IPAddress::Loopback, 0), nullptr), udp->Send(b, IPEndPoint(), nullptr),
-                 udp->Recv(nullptr, nullptr), udp->StartRecv(nullptr, nullptr), udp->Open(IPEndPoint())};
+                 udp->Send(b, IPEndPoint(IPAddress::Loopback, 0), nullptr),
+                 udp->Send(b, IPEndPoint(), nullptr),
+                 udp->Recv(nullptr, nullptr),
+                 udp->StartRecv(nullptr, nullptr),
+                 udp->Open(IPEndPoint())};
     };
-    if (onLoop) OnLoop(run);
-    else run();
+    if (onLoop)
+      OnLoop(run);
+    else
+      run();
     EXPECT_EQ(results, std::vector<int>(6, -1)) << onLoop;
   }
   // A plain socket is IPv4 whatever the bind address says: libuv's error.

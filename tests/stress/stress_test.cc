@@ -5,6 +5,8 @@
 // what it checks is that nothing crashes, hangs, leaks or races (the sanitizer
 // trees run it too), that every part made progress, and that no packet ends
 // twice.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -13,8 +15,6 @@
 #include <set>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/peers.h"
 #include "zelsocket/zelsocket.h"
@@ -211,10 +211,18 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
     while (running()) {
       RefPtr<IChannel> c = currentChannel();
       switch (random() % 4) {
-        case 0: c->CancelAll(); break;
-        case 1: c->ForceAllTimeout(); break;
-        case 2: c->Close(); break;
-        default: c->Connect("127.0.0.1", udpEcho.Port(), nullptr); break;
+        case 0:
+          c->CancelAll();
+          break;
+        case 1:
+          c->ForceAllTimeout();
+          break;
+        case 2:
+          c->Close();
+          break;
+        default:
+          c->Connect("127.0.0.1", udpEcho.Port(), nullptr);
+          break;
       }
       ++channelControl;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -242,11 +250,12 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
   EXPECT_EQ(callLoop.Stop(), 0);
   SetLogCallback(nullptr);
 
-  std::printf("calls=%ld sync=%ld jobs=%ld restarts=%ld udp=%ld tcp=%ld channel-sends=%ld control=%ld swaps=%ld "
-              "udp-events=%ld tcp-events=%ld channel-events=%ld\n",
-              calls.load(), syncCalls.load(), jobs.load(), restarts.load(), udpRounds.load(), tcpRounds.load(),
-              channelSends.load(), channelControl.load(), channelSwaps.load(), udpSink->events.load(),
-              tcpSink->events.load(), channelEvents.load());
+  std::printf(
+      "calls=%ld sync=%ld jobs=%ld restarts=%ld udp=%ld tcp=%ld channel-sends=%ld control=%ld swaps=%ld "
+      "udp-events=%ld tcp-events=%ld channel-events=%ld\n",
+      calls.load(), syncCalls.load(), jobs.load(), restarts.load(), udpRounds.load(), tcpRounds.load(),
+      channelSends.load(), channelControl.load(), channelSwaps.load(), udpSink->events.load(), tcpSink->events.load(),
+      channelEvents.load());
   EXPECT_GT(calls.load(), 0);
   EXPECT_GT(syncCalls.load(), 0);
   EXPECT_GT(restarts.load(), 5);

@@ -20,7 +20,12 @@ struct PeerLoop {
     thread = std::thread([&] {
       uv_loop_init(&loop);
       uv_async_init(&loop, &stop, [](uv_async_t* a) {
-        uv_walk(a->loop, [](uv_handle_t* h, void*) { if (!uv_is_closing(h)) uv_close(h, FreeIfHeap); }, nullptr);
+        uv_walk(
+            a->loop,
+            [](uv_handle_t* h, void*) {
+              if (!uv_is_closing(h)) uv_close(h, FreeIfHeap);
+            },
+            nullptr);
       });
       ready.set_value(setup(&loop));
       uv_run(&loop, UV_RUN_DEFAULT);
@@ -50,15 +55,19 @@ namespace {
 unsigned short LocalPort(const uv_handle_t* h, bool tcp) {
   sockaddr_storage name{};
   int len = sizeof name;
-  if (tcp) uv_tcp_getsockname(reinterpret_cast<const uv_tcp_t*>(h), reinterpret_cast<sockaddr*>(&name), &len);
-  else uv_udp_getsockname(reinterpret_cast<const uv_udp_t*>(h), reinterpret_cast<sockaddr*>(&name), &len);
+  if (tcp)
+    uv_tcp_getsockname(reinterpret_cast<const uv_tcp_t*>(h), reinterpret_cast<sockaddr*>(&name), &len);
+  else
+    uv_udp_getsockname(reinterpret_cast<const uv_udp_t*>(h), reinterpret_cast<sockaddr*>(&name), &len);
   return ntohs(reinterpret_cast<sockaddr_in*>(&name)->sin_port);
 }
 
 sockaddr_storage LoopbackAddress(const char* ip) {
   sockaddr_storage addr{};
-  if (std::strchr(ip, ':')) uv_ip6_addr(ip, 0, reinterpret_cast<sockaddr_in6*>(&addr));
-  else uv_ip4_addr(ip, 0, reinterpret_cast<sockaddr_in*>(&addr));
+  if (std::strchr(ip, ':'))
+    uv_ip6_addr(ip, 0, reinterpret_cast<sockaddr_in6*>(&addr));
+  else
+    uv_ip4_addr(ip, 0, reinterpret_cast<sockaddr_in*>(&addr));
   return addr;
 }
 
@@ -69,8 +78,7 @@ struct UdpSendReq {
 
 }  // namespace
 
-UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer, const char* ip)
-    : m_answer(std::move(answer)) {
+UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer, const char* ip) : m_answer(std::move(answer)) {
   m_loop.reset(new PeerLoop(
       [this, ip](uv_loop_t* loop) {
         auto* udp = PeerLoop::New<uv_udp_t>();
@@ -78,23 +86,23 @@ UdpEchoPeer::UdpEchoPeer(std::function<bool(const std::string&)> answer, const c
         udp->data = this;
         sockaddr_storage addr = LoopbackAddress(ip);
         uv_udp_bind(udp, reinterpret_cast<sockaddr*>(&addr), 0);
-        uv_udp_recv_start(udp, PeerLoop::Alloc,
-                          [](uv_udp_t* h, ssize_t n, const uv_buf_t* buf, const sockaddr* from, unsigned) {
-                            auto* self = static_cast<UdpEchoPeer*>(h->data);
-                            if (n < 0 || !from) return std::free(buf->base);
-                            // Counted after the filter has seen it, so that a test which saw the
-                            // count also sees what the filter did.
-                            bool echo = !self->m_answer || self->m_answer(std::string(buf->base, static_cast<size_t>(n)));
-                            ++self->m_received;
-                            if (!echo) return std::free(buf->base);
-                            auto* req = new UdpSendReq{{}, buf->base};
-                            uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
-                            uv_udp_send(&req->req, h, &out, 1, from, [](uv_udp_send_t* r, int) {
-                              auto* req = reinterpret_cast<UdpSendReq*>(r);
-                              std::free(req->data);
-                              delete req;
-                            });
-                          });
+        uv_udp_recv_start(
+            udp, PeerLoop::Alloc, [](uv_udp_t* h, ssize_t n, const uv_buf_t* buf, const sockaddr* from, unsigned) {
+              auto* self = static_cast<UdpEchoPeer*>(h->data);
+              if (n < 0 || !from) return std::free(buf->base);
+              // Counted after the filter has seen it, so that a test which saw the
+              // count also sees what the filter did.
+              bool echo = !self->m_answer || self->m_answer(std::string(buf->base, static_cast<size_t>(n)));
+              ++self->m_received;
+              if (!echo) return std::free(buf->base);
+              auto* req = new UdpSendReq{{}, buf->base};
+              uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
+              uv_udp_send(&req->req, h, &out, 1, from, [](uv_udp_send_t* r, int) {
+                auto* req = reinterpret_cast<UdpSendReq*>(r);
+                std::free(req->data);
+                delete req;
+              });
+            });
         return LocalPort(reinterpret_cast<uv_handle_t*>(udp), false);
       },
       &m_port));

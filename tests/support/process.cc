@@ -46,8 +46,8 @@ const char kReportMark[] = "\n@@report@@\n";
 ChildRegistration::ChildRegistration(const char* name, ChildMain main) { Registry()[name] = main; }
 
 std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
-  std::vector<unsigned char> q = {static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id & 0xff),
-                                  1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  std::vector<unsigned char> q = {
+      static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id & 0xff), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
   std::stringstream ss(name);
   std::string label;
   while (std::getline(ss, label, '.')) {
@@ -305,9 +305,9 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
   return StartServer(
       child, SOCK_DGRAM, port,
       [](const std::string& p) {
-        return std::vector<std::string>{"dnsmasq", "--no-daemon", "--user=root", "--listen-address=127.0.0.1",
-                                        "--bind-interfaces", "--no-resolv", "--no-hosts", "--pid-file=",
-                                        "--address=/example.test/10.1.2.3", "--port=" + p};
+        return std::vector<std::string>{
+            "dnsmasq",     "--no-daemon", "--user=root", "--listen-address=127.0.0.1",       "--bind-interfaces",
+            "--no-resolv", "--no-hosts",  "--pid-file=", "--address=/example.test/10.1.2.3", "--port=" + p};
       },
       AnswersDns);
 }

@@ -50,11 +50,11 @@ struct ChildRun {
 ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout = std::chrono::seconds(60));
 
 // Runs the registered child and fails the test unless it succeeds.
-#define ZS_EXPECT_CHILD_PASSES(name)                                  \
-  do {                                                                \
-    ::zstest::ChildRun run_ = ::zstest::RunInNamespace(name);         \
-    if (run_.skipped) GTEST_SKIP() << run_.report;                    \
-    EXPECT_EQ(run_.exitCode, 0) << run_.report;                       \
+#define ZS_EXPECT_CHILD_PASSES(name)                          \
+  do {                                                        \
+    ::zstest::ChildRun run_ = ::zstest::RunInNamespace(name); \
+    if (run_.skipped) GTEST_SKIP() << run_.report;            \
+    EXPECT_EQ(run_.exitCode, 0) << run_.report;               \
   } while (0)
 
 // dnsmasq on 127.0.0.1:port answering example.test with 10.1.2.3.  Empty on

@@ -59,8 +59,12 @@ class Recorder : public zelsocket::RefCountBase,
     Add({"recv", s, 0, BytesOf(b), a, ctx});
   }
   void OnConnect(int s, const IPEndPoint& a, void* ctx) override { Add({"connect", s, 0, "", a, ctx}); }
-  void OnSend(int s, zelsocket::IConstBuffer* b, void* ctx) override { Add({"send", s, 0, BytesOf(b), IPEndPoint(), ctx}); }
-  void OnRecv(int s, zelsocket::IMutableBuffer* b, void* ctx) override { Add({"recv", s, 0, BytesOf(b), IPEndPoint(), ctx}); }
+  void OnSend(int s, zelsocket::IConstBuffer* b, void* ctx) override {
+    Add({"send", s, 0, BytesOf(b), IPEndPoint(), ctx});
+  }
+  void OnRecv(int s, zelsocket::IMutableBuffer* b, void* ctx) override {
+    Add({"recv", s, 0, BytesOf(b), IPEndPoint(), ctx});
+  }
   void OnConnect(int s) override { Add({"connect", s}); }
   void OnSend(unsigned c, zelsocket::IConstBuffer* b, const IPEndPoint& a) override {
     Add({"send", 0, c, BytesOf(b), a});
