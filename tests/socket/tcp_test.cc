@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <uv.h>
 
-#include <cstdio>
-#include <fstream>
 #include <future>
 #include <random>
 
@@ -316,20 +314,9 @@ std::string RandomBytes(size_t n, unsigned seed) {
 TEST_F(TcpTest, FetchesFilesFromARealHttpServer) {
   const std::map<std::string, std::string> files = {{"small.bin", RandomBytes(1500, 1)},
                                                     {"large.bin", RandomBytes(4 << 20, 2)}};
-  struct Dir {
-    explicit Dir(const std::map<std::string, std::string>* f) : files(f) {}
-    char path[32] = "/tmp/zs_http_XXXXXX";
-    const std::map<std::string, std::string>* files;
-    ~Dir() {
-      for (const auto& f : *files) std::remove((std::string(path) + "/" + f.first).c_str());
-      rmdir(path);
-    }
-  } dir(&files);
-  ASSERT_NE(mkdtemp(dir.path), nullptr);
-  for (const auto& [name, body] : files) std::ofstream(std::string(dir.path) + "/" + name, std::ios::binary) << body;
-  zstest::ChildProcess server;  // goes before the directory
+  zstest::ChildProcess server;
   unsigned short port = 0;
-  std::string why = zstest::StartHttpServer(server, dir.path, &port);
+  std::string why = zstest::StartHttpServer(server, files, &port);
   if (!why.empty()) GTEST_SKIP() << why;
   for (const auto& [name, body] : files) {
     auto s = zstest::NewRecorder();

@@ -9,6 +9,7 @@
 
 #ifndef _WIN32
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -70,10 +71,23 @@ void ChildProcess::Kill() {}
 const std::string& ChildProcess::Output() { return m_output; }
 ChildRun RunInNamespace(const std::string&, std::chrono::seconds) { return {true, -1, "needs network namespaces"}; }
 std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs dnsmasq"; }
-std::string StartHttpServer(ChildProcess&, const std::string&, unsigned short*) { return "needs python3"; }
+ChildProcess::~ChildProcess() {}
+std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*) {
+  return "needs python3";
+}
 std::string RunCommand(const std::vector<std::string>&) { return "needs POSIX child processes"; }
 
 #else
+
+ChildProcess::~ChildProcess() {
+  Kill();
+  if (m_scratchDir.empty()) return;
+  if (DIR* dir = opendir(m_scratchDir.c_str())) {
+    while (dirent* e = readdir(dir)) unlink((m_scratchDir + "/" + e->d_name).c_str());
+    closedir(dir);
+  }
+  rmdir(m_scratchDir.c_str());
+}
 
 std::string ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   Kill();
@@ -312,7 +326,12 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
       AnswersDns);
 }
 
-std::string StartHttpServer(ChildProcess& child, const std::string& dir, unsigned short* port) {
+std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files,
+                            unsigned short* port) {
+  char dir[] = "/tmp/zs_http_XXXXXX";
+  if (!mkdtemp(dir)) return "needs a temporary directory";
+  child.m_scratchDir = dir;
+  for (const auto& [name, body] : files) std::ofstream(child.m_scratchDir + "/" + name, std::ios::binary) << body;
   *port = 0;
   return StartServer(
       child, SOCK_STREAM, port,

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ class ChildProcess {
   ChildProcess() = default;
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
-  ~ChildProcess() { Kill(); }
+  ~ChildProcess();
 
   // Empty on success, else "needs ..." (why it could not start).
   std::string Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
@@ -29,9 +30,11 @@ class ChildProcess {
   const std::string& Output();  // what it has written so far
 
  private:
+  friend std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*);
   int m_pid = -1;
   int m_out = -1;
   std::string m_output;
+  std::string m_scratchDir;  // removed with its files once the child has gone
 };
 
 // A function that runs in a fresh process of this test binary, inside a
@@ -63,8 +66,9 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
 // A DNS query for the A record of `name`.
 std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name);
 
-// `python3 -m http.server` serving `dir` on 127.0.0.1; empty on success.
-std::string StartHttpServer(ChildProcess& child, const std::string& dir, unsigned short* port);
+// `python3 -m http.server` on 127.0.0.1 serving `files` (name to content)
+// from a directory that goes with the child; empty on success.
+std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
 
 // Runs a command to its end; empty on success, else its output.
 std::string RunCommand(const std::vector<std::string>& argv);
