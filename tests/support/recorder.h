@@ -78,8 +78,27 @@ class Recorder : public zelsocket::RefCountBase,
     Add({"resolve", err, 0, host, IPEndPoint(a, 1), ctx});
   }
 
-  // Set before the library can call.
-  std::function<void(const Event&)> hook;
+  // Runs inside each callback; may be replaced while the library calls.
+  class Hook {
+   public:
+    Hook& operator=(std::function<void(const Event&)> fn) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_fn = std::move(fn);
+      return *this;
+    }
+    void operator()(const Event& e) {
+      std::function<void(const Event&)> fn;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        fn = m_fn;
+      }
+      if (fn) fn(e);
+    }
+
+   private:
+    std::mutex m_mutex;
+    std::function<void(const Event&)> m_fn;
+  } hook;
 
   std::vector<Event> Of(const std::string& kind) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -101,7 +120,7 @@ class Recorder : public zelsocket::RefCountBase,
  private:
   void Add(Event e) {
     e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
-    if (hook) hook(e);
+    hook(e);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_events.push_back(std::move(e));
   }
