@@ -180,7 +180,7 @@ TEST_F(UdpChannelTest, SendRefusesBadInputAndDefaultsToTheLibrarySchedule) {
   SendOk(nullptr);
   channel->CancelSend(1, nullptr, nullptr);
   channel->CancelSend(2, nullptr, nullptr);
-  // The promised line of each cancel counts the intervals of its schedule: 3000, 5000, 7000.
+  // The log line of each cancel counts the intervals of its schedule: 3000, 5000, 7000.
   EXPECT_EQ(2, log.CountPrefix("recv, cookie="));
   for (const auto& line : log.Lines()) {
     if (line.message.rfind("recv, cookie=", 0) == 0) {

@@ -95,7 +95,7 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
   EXPECT_EQ(factory.CreateNonLSPSocket(AF_INET), 100);
   EXPECT_EQ(fake.walks.load(), 3 + 1);  // found once per family, never again
   EXPECT_EQ(fake.creations, (std::vector<std::string>{"W 2 2 17 entry=1003", "W 2 2 17 entry=1003"}));
-  // The promised line names the entry and the provider.
+  // The log line that support relies on names the entry and the provider.
   EXPECT_EQ(log.Count("CreateNonLSPSocket, _GetBaseProviderInfo ok, af=2, type=2, protocol=17, EntryId=1003, "
                       "ChainLen=1, Name=entry, Guid={E70F1AA0-AB8B-11CF-8CA3-00805F48A192}"),
             1);
