@@ -96,6 +96,26 @@ TEST_F(UdpTest, FirstSendOpensAnIPv4SocketOnAFreePort) {
   EXPECT_LT(sink->Of("send")[1].status, 0);
 }
 
+// An empty datagram does not complete a receive; a fresh buffer is offered
+// the least size, and a longer datagram is cut to it.
+TEST_F(UdpTest, ReceiveSkipsEmptyDatagramsAndCutsToTheBuffer) {
+  zstest::UdpEchoPeer peer;
+  const IPEndPoint to("127.0.0.1", peer.Port());
+  ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
+  ASSERT_EQ(udp->Recv(Buf(), Ctx(1)), 0);
+  ASSERT_EQ(udp->Send(Buf(""), to, nullptr), 0);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return peer.Received() == 1; }));
+  ASSERT_EQ(udp->Send(Buf(std::string(20000, 'a')), to, nullptr), 0);
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  EXPECT_EQ(sink->Of("recv")[0].data, std::string(UvUdpRecv::kMinRecvSize, 'a'));
+  RefPtr<IMutableBuffer> large = Buf();
+  large->Reserve(65536);
+  ASSERT_EQ(udp->Recv(large, Ctx(2)), 0);
+  ASSERT_EQ(udp->Send(Buf(std::string(30000, 'q')), to, nullptr), 0);
+  ASSERT_TRUE(sink->Wait("recv", 2));
+  EXPECT_EQ(sink->Of("recv")[1].data.size(), 30000u);
+}
+
 TEST_F(UdpTest, BadInputGivesItsResultAndNoReport) {
   RefPtr<IMutableBuffer> b = Buf("data");
   for (bool onLoop : {false, true}) {
