@@ -25,17 +25,7 @@
 namespace zelsocket {
 namespace {
 
-std::mutex g_mutex;
-std::vector<RefPtr<zstest::FakeUdp>> g_sockets;
-
-bool FakeFactory(RefPtr<IUdp>& out, IOLoop*) {
-  RefPtr<zstest::FakeUdp> fake;
-  fake.Attach(new zstest::FakeUdp());
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_sockets.push_back(fake);
-  out = fake.Get();
-  return true;
-}
+using zstest::FakeUdpFactory;
 
 // The reference model and the checker in one: it knows which cookies are
 // pending, and judges every callback as it arrives (all on the loop thread).
@@ -120,21 +110,18 @@ class Model : public IChannelSink, public RefCountBase {
 class ChannelProperty : public ::testing::Test {
  protected:
   void SetUp() override {
-    UdpChannelImpl::SetUdpFactoryForTesting(&FakeFactory);
+    FakeUdpFactory::Reset();
+    UdpChannelImpl::SetUdpFactoryForTesting(&FakeUdpFactory::Make);
     ASSERT_EQ(loop.Start(), 0);
   }
   void TearDown() override {
-    loop.SyncCall([] {
-      std::lock_guard<std::mutex> lock(g_mutex);
-      g_sockets.clear();
-    });
     loop.Stop();
     UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
   }
 
   RefPtr<zstest::FakeUdp> LatestSocket() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_sockets.empty() ? RefPtr<zstest::FakeUdp>() : g_sockets.back();
+    std::lock_guard<std::mutex> lock(FakeUdpFactory::mutex);
+    return FakeUdpFactory::made.empty() ? RefPtr<zstest::FakeUdp>() : FakeUdpFactory::made.back();
   }
 
   // One random sequence.  Returns the model's failures.
@@ -200,8 +187,10 @@ class ChannelProperty : public ::testing::Test {
         bool live = model->connected && socket;
         if (op < 45) {  // CancelSend of a pending, an ended or an unknown cookie
           unsigned int cookie = 987654321u;
-          if (!pending.empty() && pick(4) != 0) cookie = pending[pick(static_cast<int>(pending.size()))];
-          else if (!model->packets.empty() && pick(2) == 0) cookie = model->packets.begin()->first;
+          if (!pending.empty() && pick(4) != 0)
+            cookie = pending[pick(static_cast<int>(pending.size()))];
+          else if (!model->packets.empty() && pick(2) == 0)
+            cookie = model->packets.begin()->first;
           bool wasPending = model->packets.count(cookie) && model->packets[cookie].end == Model::End::kNone;
           int retry = -1, send = -1;
           channel->CancelSend(cookie, &retry, &send);
@@ -236,8 +225,10 @@ class ChannelProperty : public ::testing::Test {
         } else if (op < 93 && live && socket->recvBuffer) {
           bool fail = pick(8) == 0;
           model->expectingClose = fail;
-          if (fail) socket->FailRecv(-104);
-          else socket->Deliver("answer", 6, IPEndPoint("127.0.0.1", 9));
+          if (fail)
+            socket->FailRecv(-104);
+          else
+            socket->Deliver("answer", 6, IPEndPoint("127.0.0.1", 9));
           model->expectingClose = false;
           if (fail) model->socket = nullptr;
         }
@@ -262,8 +253,8 @@ class ChannelProperty : public ::testing::Test {
       stats->connects += static_cast<int>(model->connectResults.size());
       stats->received += model->received;
       model->socket = nullptr;
-      std::lock_guard<std::mutex> lock(g_mutex);
-      g_sockets.clear();
+      std::lock_guard<std::mutex> lock(FakeUdpFactory::mutex);
+      FakeUdpFactory::made.clear();
     });
     return failures;
   }
@@ -276,12 +267,12 @@ TEST_F(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
   Stats stats;
   for (unsigned seed = 1; seed <= 60; ++seed) {
     auto failures = RunSequence(seed, 120, &stats);
-    ASSERT_TRUE(failures.empty()) << "seed " << seed << ": " << failures.front() << " (and "
-                                  << failures.size() - 1 << " more)";
+    ASSERT_TRUE(failures.empty()) << "seed " << seed << ": " << failures.front() << " (and " << failures.size() - 1
+                                  << " more)";
     quiet.Clear();
   }
-  std::printf("accepted=%d OnSend=%d OnTimeout=%d OnClose=%d OnConnect=%d OnRecv=%d\n", stats.accepted,
-              stats.onSends, stats.timeouts, stats.closes, stats.connects, stats.received);
+  std::printf("accepted=%d OnSend=%d OnTimeout=%d OnClose=%d OnConnect=%d OnRecv=%d\n", stats.accepted, stats.onSends,
+              stats.timeouts, stats.closes, stats.connects, stats.received);
   // The sequences must have reached every kind of event, or they prove little.
   EXPECT_GT(stats.accepted, 60 * 20);
   EXPECT_GT(stats.onSends, 100);

@@ -4,8 +4,10 @@
 #define ZELSOCKET_TESTS_CHANNEL_FAKE_UDP_H
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
+#include "zelsocket/io_loop.h"
 #include "zelsocket/udp.h"
 
 namespace zstest {
@@ -84,6 +86,43 @@ class FakeUdp : public zelsocket::IUdp, public zelsocket::RefCountBase {
   bool open = false;
   bool closed = false;
 };
+
+}  // namespace zstest
+
+namespace zstest {
+
+// Every socket the channel under test makes, in order; set up by the factory
+// from the `next...` results.  Used from the loop thread and the test thread.
+struct FakeUdpFactory {
+  static std::mutex mutex;
+  static std::vector<zelsocket::RefPtr<FakeUdp>> made;
+  static std::vector<int> nextOpenResults;
+  static int nextStartRecvResult;
+
+  static bool Make(zelsocket::RefPtr<zelsocket::IUdp>& out, zelsocket::IOLoop*) {
+    zelsocket::RefPtr<FakeUdp> fake;
+    fake.Attach(new FakeUdp());
+    std::lock_guard<std::mutex> lock(mutex);
+    fake->openResults = nextOpenResults;
+    fake->startRecvResult = nextStartRecvResult;
+    made.push_back(fake);
+    out = fake.Get();
+    return true;
+  }
+  static zelsocket::RefPtr<FakeUdp> At(size_t i) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return i < made.size() ? made[i] : zelsocket::RefPtr<FakeUdp>();
+  }
+  static void Reset(std::vector<int> openResults = {}, int startRecvResult = 0) {
+    std::lock_guard<std::mutex> lock(mutex);
+    nextOpenResults = std::move(openResults);
+    nextStartRecvResult = startRecvResult;
+  }
+};
+inline std::mutex FakeUdpFactory::mutex;
+inline std::vector<zelsocket::RefPtr<FakeUdp>> FakeUdpFactory::made;
+inline std::vector<int> FakeUdpFactory::nextOpenResults;
+inline int FakeUdpFactory::nextStartRecvResult = 0;
 
 }  // namespace zstest
 

@@ -5,13 +5,8 @@
 // what it checks is that nothing crashes, hangs, leaks or races (the sanitizer
 // trees run it too), that every part made progress, and that no packet ends
 // twice.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -21,9 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "support/udp_echo_peer.h"
+#include "support/peers.h"
 #include "zelsocket/zelsocket.h"
 
 namespace zelsocket {
@@ -32,58 +25,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 void Quiet(LOG_LEVEL, const char*, const char*) {}
-
-// A TCP echo peer on plain sockets and a thread of its own.
-class TcpEcho {
- public:
-  TcpEcho() {
-    m_listen = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(m_listen, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    listen(m_listen, 64);
-    socklen_t len = sizeof a;
-    getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
-    m_thread = std::thread([this] { Run(); });
-  }
-  ~TcpEcho() {
-    m_stop = true;
-    m_thread.join();
-    for (int fd : m_conns) close(fd);
-    close(m_listen);
-  }
-  unsigned short port = 0;
-
- private:
-  void Run() {
-    char data[4096];
-    while (!m_stop) {
-      std::vector<pollfd> fds{{m_listen, POLLIN, 0}};
-      for (int fd : m_conns) fds.push_back({fd, POLLIN, 0});
-      if (poll(fds.data(), fds.size(), 20) <= 0) continue;
-      if (fds[0].revents & POLLIN) {
-        int fd = accept(m_listen, nullptr, nullptr);
-        if (fd >= 0) m_conns.push_back(fd);
-      }
-      for (size_t i = 1; i < fds.size(); ++i) {
-        if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-        ssize_t n = read(fds[i].fd, data, sizeof data);
-        if (n <= 0) {
-          close(fds[i].fd);
-          m_conns.erase(std::find(m_conns.begin(), m_conns.end(), fds[i].fd));
-        } else {
-          (void)!send(fds[i].fd, data, static_cast<size_t>(n), MSG_NOSIGNAL);
-        }
-      }
-    }
-  }
-  int m_listen;
-  std::vector<int> m_conns;
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
-};
 
 template <typename Interface>
 class CountingSink : public Interface, public RefCountBase {
@@ -137,11 +78,11 @@ RefPtr<IConstBuffer> Bytes(int size) {
 
 TEST(Stress, EveryCrossThreadOperationAtOnce) {
   SetLogCallback(Quiet);
-  const auto deadline = Clock::now() + std::chrono::milliseconds(2500);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(2000);
   auto running = [&] { return Clock::now() < deadline; };
 
   zstest::UdpEchoPeer udpEcho;
-  TcpEcho tcpEcho;
+  zstest::TcpEchoPeer tcpEcho;
   IOLoop socketLoop, callLoop;
   ASSERT_EQ(socketLoop.Start(), 0);
   ASSERT_EQ(callLoop.Start(), 0);
@@ -234,7 +175,7 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
   // TCP sockets: connect, send, receive, then Close or a bare release.
   threads.emplace_back([&] {
     std::mt19937 random(3);
-    IPEndPoint echo("127.0.0.1", tcpEcho.port);
+    IPEndPoint echo("127.0.0.1", tcpEcho.Port());
     while (running()) {
       RefPtr<ITcp> tcp;
       CreateTcp(tcp, &socketLoop);
@@ -270,10 +211,18 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
     while (running()) {
       RefPtr<IChannel> c = currentChannel();
       switch (random() % 4) {
-        case 0: c->CancelAll(); break;
-        case 1: c->ForceAllTimeout(); break;
-        case 2: c->Close(); break;
-        default: c->Connect("127.0.0.1", udpEcho.Port(), nullptr); break;
+        case 0:
+          c->CancelAll();
+          break;
+        case 1:
+          c->ForceAllTimeout();
+          break;
+        case 2:
+          c->Close();
+          break;
+        default:
+          c->Connect("127.0.0.1", udpEcho.Port(), nullptr);
+          break;
       }
       ++channelControl;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -301,11 +250,12 @@ TEST(Stress, EveryCrossThreadOperationAtOnce) {
   EXPECT_EQ(callLoop.Stop(), 0);
   SetLogCallback(nullptr);
 
-  std::printf("calls=%ld sync=%ld jobs=%ld restarts=%ld udp=%ld tcp=%ld channel-sends=%ld control=%ld swaps=%ld "
-              "udp-events=%ld tcp-events=%ld channel-events=%ld\n",
-              calls.load(), syncCalls.load(), jobs.load(), restarts.load(), udpRounds.load(), tcpRounds.load(),
-              channelSends.load(), channelControl.load(), channelSwaps.load(), udpSink->events.load(),
-              tcpSink->events.load(), channelEvents.load());
+  std::printf(
+      "calls=%ld sync=%ld jobs=%ld restarts=%ld udp=%ld tcp=%ld channel-sends=%ld control=%ld swaps=%ld "
+      "udp-events=%ld tcp-events=%ld channel-events=%ld\n",
+      calls.load(), syncCalls.load(), jobs.load(), restarts.load(), udpRounds.load(), tcpRounds.load(),
+      channelSends.load(), channelControl.load(), channelSwaps.load(), udpSink->events.load(), tcpSink->events.load(),
+      channelEvents.load());
   EXPECT_GT(calls.load(), 0);
   EXPECT_GT(syncCalls.load(), 0);
   EXPECT_GT(restarts.load(), 5);

@@ -38,8 +38,7 @@ class LogRecorder {
 };
 
 // Polls `done` until it is true or `timeout` has passed; true when it became true.
-bool WaitUntil(const std::function<bool()>& done,
-               std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
+bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
 
 }  // namespace zstest
 

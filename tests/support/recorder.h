@@ -1,0 +1,153 @@
+// One recording sink for every sink interface of the library.  Each callback
+// runs the hook first (so that whoever waits for an event also sees what the
+// hook did), then records the event.
+#ifndef ZELSOCKET_TESTS_SUPPORT_RECORDER_H
+#define ZELSOCKET_TESTS_SUPPORT_RECORDER_H
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+#include "zelsocket/channel.h"
+#include "zelsocket/host_resolve.h"
+#include "zelsocket/io_loop.h"
+#include "zelsocket/tcp.h"
+#include "zelsocket/udp.h"
+
+namespace zstest {
+
+struct Event {
+  Event(std::string k = "", int s = 0, unsigned c = 0, std::string d = "",
+        const zelsocket::IPEndPoint& a = zelsocket::IPEndPoint(), void* x = nullptr)
+      : kind(std::move(k)), status(s), cookie(c), data(std::move(d)), address(a), ctx(x) {}
+  std::string kind;  // connect, send, recv, timeout, close, resolve
+  int status;        // a channel's timeout: its send count
+  unsigned cookie;
+  std::string data;  // bytes sent or received; the host of a resolution
+  zelsocket::IPEndPoint address;
+  void* ctx;
+  bool onLoop = false;
+  // "timeout:3:2", "send:1", "connect:0", "close": enough to compare orders.
+  std::string Text() const {
+    if (kind == "timeout") return kind + ":" + std::to_string(cookie) + ":" + std::to_string(status);
+    if (kind == "close") return kind;
+    return kind + ":" + std::to_string(cookie ? static_cast<long>(cookie) : status);
+  }
+};
+
+inline std::string BytesOf(const zelsocket::IConstBuffer* b) {
+  return b && b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength())
+                                 : std::string();
+}
+
+class Recorder : public zelsocket::RefCountBase,
+                 public zelsocket::IUdpSink,
+                 public zelsocket::ITcpSink,
+                 public zelsocket::IChannelSink,
+                 public zelsocket::IHostResolveSink {
+ public:
+  using IPEndPoint = zelsocket::IPEndPoint;
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+
+  void OnSend(int s, zelsocket::IConstBuffer* b, const IPEndPoint& a, void* ctx) override {
+    Add({"send", s, 0, BytesOf(b), a, ctx});
+  }
+  void OnRecv(int s, zelsocket::IMutableBuffer* b, const IPEndPoint& a, void* ctx) override {
+    Add({"recv", s, 0, BytesOf(b), a, ctx});
+  }
+  void OnConnect(int s, const IPEndPoint& a, void* ctx) override { Add({"connect", s, 0, "", a, ctx}); }
+  void OnSend(int s, zelsocket::IConstBuffer* b, void* ctx) override {
+    Add({"send", s, 0, BytesOf(b), IPEndPoint(), ctx});
+  }
+  void OnRecv(int s, zelsocket::IMutableBuffer* b, void* ctx) override {
+    Add({"recv", s, 0, BytesOf(b), IPEndPoint(), ctx});
+  }
+  void OnConnect(int s) override { Add({"connect", s}); }
+  void OnSend(unsigned c, zelsocket::IConstBuffer* b, const IPEndPoint& a) override {
+    Add({"send", 0, c, BytesOf(b), a});
+  }
+  void OnRecv(unsigned char* d, int n, const IPEndPoint& a) override {
+    Add({"recv", n, 0, std::string(reinterpret_cast<char*>(d), static_cast<size_t>(n)), a});
+  }
+  void OnTimeout(unsigned c, int send) override { Add({"timeout", send, c}); }
+  void OnClose() override { Add({"close"}); }
+  void OnHostResolve(int err, const char* host, const zelsocket::IPAddress& a, void* ctx) override {
+    Add({"resolve", err, 0, host, IPEndPoint(a, 1), ctx});
+  }
+
+  // Runs inside each callback; may be replaced while the library calls.
+  class Hook {
+   public:
+    Hook& operator=(std::function<void(const Event&)> fn) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_fn = std::move(fn);
+      return *this;
+    }
+    void operator()(const Event& e) {
+      std::function<void(const Event&)> fn;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        fn = m_fn;
+      }
+      if (fn) fn(e);
+    }
+
+   private:
+    std::mutex m_mutex;
+    std::function<void(const Event&)> m_fn;
+  } hook;
+
+  std::vector<Event> Of(const std::string& kind) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<Event> out;
+    for (const Event& e : m_events)
+      if (kind.empty() || e.kind == kind) out.push_back(e);
+    return out;
+  }
+  size_t Count(const std::string& kind) { return Of(kind).size(); }
+  bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) {
+    return WaitUntil([&] { return Count(kind) >= n; }, t);
+  }
+  std::vector<std::string> Trace() {
+    std::vector<std::string> out;
+    for (const Event& e : Of("")) out.push_back(e.Text());
+    return out;
+  }
+
+ private:
+  void Add(Event e) {
+    e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
+    hook(e);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.push_back(std::move(e));
+  }
+  std::mutex m_mutex;
+  std::vector<Event> m_events;
+};
+
+inline zelsocket::RefPtr<Recorder> NewRecorder() {
+  zelsocket::RefPtr<Recorder> r;
+  r.Attach(new Recorder());
+  return r;
+}
+
+inline zelsocket::RefPtr<zelsocket::IMutableBuffer> Buf(const std::string& data = std::string()) {
+  zelsocket::RefPtr<zelsocket::IMutableBuffer> b;
+  zelsocket::CreateBuffer(b);
+  b->CopyFrom(data.data(), static_cast<int>(data.size()));
+  return b;
+}
+
+inline void* Ctx(long n) { return reinterpret_cast<void*>(n); }
+
+// Blocks until everything queued on `loop` before this call has run.
+inline void Drain(zelsocket::IOLoop& loop) {
+  for (int i = 0; i < 3; ++i) loop.SyncCall([] {});
+}
+
+}  // namespace zstest
+
+#endif  // ZELSOCKET_TESTS_SUPPORT_RECORDER_H
