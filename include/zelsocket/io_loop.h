@@ -88,6 +88,7 @@ class ZELSOCKET_API IOLoop {
   static IOLoop* GetLoop();
 
  private:
+  friend class IOLoopImpl;
   IOLoopImpl* _impl;
 };
 
