@@ -10,8 +10,8 @@
 //   Window   a channel with 32 requests outstanding, each answered and
 //            cancelled, vs the same traffic on a bare IUdp;
 //   Arm      arming 100,000 Timers vs uv_timer_start on 100,000 uv_timer_t.
-// Arguments of the Post cases: 0 unpinned, 1 both threads on CPU 0, 2 the
-// caller on CPU 0 and the loop on CPU 1.  Run with
+// Arguments of the Post and Ping cases: 0 unpinned, 1 both threads on CPU 0,
+// 2 the caller (or the echoing peer) on CPU 0 and the loop on CPU 1.  Run with
 //   --benchmark_repetitions=7 --benchmark_enable_random_interleaving=true
 // and compare medians.
 #include <benchmark/benchmark.h>
@@ -284,7 +284,7 @@ constexpr int kRounds = 2000;
 // Echoes a TCP stream on its own thread.
 class EchoServer {
  public:
-  EchoServer() {
+  explicit EchoServer(int cpu) {
     m_listen = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -294,7 +294,8 @@ class EchoServer {
     listen(m_listen, 4);
     getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len);
     m_port = ntohs(a.sin_port);
-    m_thread = std::thread([this] {
+    m_thread = std::thread([this, cpu] {
+      PinThisThread(cpu);
       int c = accept(m_listen, nullptr, nullptr);
       if (c < 0) return;
       char buf[4096];
@@ -350,9 +351,12 @@ class PingSink : public RefCountBase, public ITcpSink {
 };
 
 void BM_Ping_Ours(benchmark::State& state) {
-  EchoServer server;
+  int peerCpu, loopCpu;
+  Placement(static_cast<int>(state.range(0)), peerCpu, loopCpu);
+  EchoServer server(peerCpu);
   IOLoop loop;
   loop.Start();
+  loop.SyncCall([loopCpu] { PinThisThread(loopCpu); });
   RefPtr<ITcp> tcp;
   CreateTcp(tcp, &loop);
   RefPtr<PingSink> sink;
@@ -426,7 +430,10 @@ struct RawPing {
 // The raw client runs its loop on the benchmark thread, which is then the
 // loop thread whose system calls count.
 void BM_Ping_Raw(benchmark::State& state) {
-  EchoServer server;
+  int peerCpu, loopCpu;
+  Placement(static_cast<int>(state.range(0)), peerCpu, loopCpu);
+  EchoServer server(peerCpu);
+  PinThisThread(loopCpu);
   RawPing c;
   std::memset(c.ping, 'p', sizeof c.ping);
   uv_loop_init(&c.loop);
@@ -471,6 +478,7 @@ void BM_Ping_Raw(benchmark::State& state) {
   uv_close(reinterpret_cast<uv_handle_t*>(&c.tcp), nullptr);
   uv_run(&c.loop, UV_RUN_DEFAULT);
   uv_loop_close(&c.loop);
+  PinThisThread(-1);
 }
 
 // ---- Window -----------------------------------------------------------------
@@ -711,8 +719,8 @@ BENCHMARK(BM_Post_RawDrain)->Arg(0)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchma
 BENCHMARK(BM_Post_RawOnePerWakeup)->Arg(0)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_UdpSend_Ours)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_UdpSend_Raw)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Ping_Ours)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Ping_Raw)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ping_Ours)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ping_Raw)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Window_Channel)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Window_BareUdp)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Arm_Timer)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
