@@ -4,6 +4,15 @@
 // that loop's thread.  Code reaches the loop thread with AsyncCall (run soon, do
 // not wait), SyncCall (run and wait), DelayCall (run after a delay, on a 50 ms
 // grain) and QueueWork (run on libuv's pool, report on the loop thread).
+//
+// Broken pipes: on POSIX, a write to a TCP peer that has gone raises SIGPIPE,
+// whose default action ends the process.  The library changes no process-wide
+// setting for this.  All socket writes are made on loop threads, and each loop
+// thread blocks SIGPIPE in its own signal mask when it starts, so such a write
+// fails with EPIPE and reaches the sink as an error.  The signal stays blocked
+// for whatever else runs on a loop thread (sink callbacks, after-work
+// functions), and libuv's pool threads, which libuv starts from the first loop
+// thread that needs them, inherit the same mask.  Windows has no SIGPIPE.
 #ifndef ZELSOCKET_IO_LOOP_H
 #define ZELSOCKET_IO_LOOP_H
 
@@ -35,8 +44,12 @@ class ZELSOCKET_API IWorkCallback : public IRefCount {
   // Runs on the loop thread after OnWork, with libuv's status (0, or
   // UV_ECANCELED-like errors).
   virtual void OnAfterWork(int status, void* data) = 0;
-  // Runs on the loop thread instead of OnWork/OnAfterWork when the loop stops
-  // before the job could report; `data` can be released here.
+  // Runs instead of OnAfterWork (and instead of OnWork if that had not started)
+  // when the loop stops before the job could report; `data` can be released
+  // here, and nothing more should be done.  It runs on the loop thread, except
+  // for a job whose OnWork was still running when the loop ended: Stop does not
+  // wait for such a job, and its drop runs on a thread of the library once
+  // OnWork has returned.
   virtual void OnWorkDropped(void* /*data*/) {}
 };
 
@@ -53,9 +66,10 @@ class ZELSOCKET_API IOLoop {
   // Starts the thread and blocks until it runs.  0, or -1 when already started,
   // stopping, or the loop or thread could not be created.
   int Start();
-  // Blocks until the loop thread has ended; what is still queued is dropped
-  // without running (SyncCall callers waiting on it get -1).  -1 when not
-  // running, already stopping, or called on the loop thread itself.
+  // Blocks until the loop thread has ended, which it does at once; what is still
+  // queued is dropped without running (SyncCall callers waiting on it get -1),
+  // and jobs whose OnWork is running are not waited for (see OnWorkDropped).
+  // -1 when not running, already stopping, or called on the loop thread itself.
   int Stop();
 
   bool IsLoopThread() const;

@@ -41,7 +41,7 @@ bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, un
   if (!buffer || !option) return false;
   // Without an interval there is no first wait to schedule.
   if (option->GetSendCount() <= 0) return false;
-  if (m_packets.count(cookie) != 0) {
+  if (m_packets.count(_Key(cookie)) != 0) {
     LogInfo(tag::kDataSender, "DataSender::SendPacket, same cookie found, cookie=%u", cookie);
     return false;
   }
@@ -53,7 +53,7 @@ bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, un
   packet->requestTick = requestTick;
   packet->createTick = _Now();
   packet->createTime = m_wallClock();
-  m_packets.emplace(cookie, packet);
+  m_packets.emplace(_Key(cookie), packet);
   _SendOnce(packet);
   _StartTimer();
   return true;
@@ -113,7 +113,7 @@ bool DataSender::_CheckSchedule(Packet** expired) {
     if (!packet) continue;  // stale: its packet ended since it was scheduled
     ++packet->retry;
     if (packet->retry >= packet->option->GetSendCount()) {
-      m_packets.erase(entry.cookie);
+      m_packets.erase(_Key(entry.cookie));
       *expired = packet;
       return !m_schedule.empty();
     }
@@ -123,7 +123,7 @@ bool DataSender::_CheckSchedule(Packet** expired) {
 }
 
 Packet* DataSender::_Live(const ScheduleEntry& entry) {
-  auto it = m_packets.find(entry.cookie);
+  auto it = m_packets.find(_Key(entry.cookie));
   return it != m_packets.end() && it->second->entry == entry.serial ? it->second : nullptr;
 }
 
@@ -137,7 +137,7 @@ bool DataSender::CancelPacket(unsigned int cookie, int* send, int* retry) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
   *send = 0;
   *retry = 0;
-  auto it = m_packets.find(cookie);
+  auto it = m_packets.find(_Key(cookie));
   if (it == m_packets.end()) {
     LogInfo(tag::kDataSender, "DataSender::CancelPacket, packet not found, cookie=%u", cookie);
     return false;
@@ -160,7 +160,7 @@ void DataSender::CancelForceAllPacketsTimeout() {
 void DataSender::_CancelForceAll() {
   LogInfo(tag::kDataSender, "DataSender::CancelForceAllPacketsTimeout, count=%u",
           static_cast<unsigned>(m_timeoutPackets.size()));
-  std::map<std::uint32_t, Packet*> batch;
+  PacketMap batch;
   batch.swap(m_timeoutPackets);
   for (auto& entry : batch) {
     _LogPacket(false, "cancel_timeout", entry.second);
@@ -177,7 +177,7 @@ void DataSender::_CancelAll() {
   _CancelForceAll();
   m_schedule.clear();
   LogInfo(tag::kDataSender, "DataSender::CancelAllPackets, count=%u", static_cast<unsigned>(m_packets.size()));
-  std::map<std::uint32_t, Packet*> all;
+  PacketMap all;
   all.swap(m_packets);
   for (auto& entry : all) {
     _LogPacket(false, "cancel", entry.second);

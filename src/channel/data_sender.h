@@ -113,14 +113,19 @@ class DataSender {
   IOLoop* m_loop;
   TickSource m_tick;
   WallClockSource m_wallClock;
-  std::map<std::uint32_t, Packet*> m_packets;
+  // Keyed by the cookie read as signed, so that cookies past 2^31 come first in
+  // key order (forced timeouts report in that order).
+  using PacketMap = std::map<std::int32_t, Packet*>;
+  static std::int32_t _Key(std::uint32_t cookie) { return static_cast<std::int32_t>(cookie); }
+
+  PacketMap m_packets;
   std::vector<ScheduleEntry> m_schedule;  // min-heap on due
   std::uint64_t m_nextSerial = 0;
   // The packet that `entry` schedules, or null when the entry is stale.
   Packet* _Live(const ScheduleEntry& entry);
   Timer m_timer;
   Async m_async;
-  std::map<std::uint32_t, Packet*> m_timeoutPackets;
+  PacketMap m_timeoutPackets;
 };
 
 }  // namespace zelsocket

@@ -48,13 +48,11 @@ UdpChannelImpl::~UdpChannelImpl() {
   // The sender's timer and posted pass run on the loop thread, as do socket
   // reports: tear both down there, so that nothing of ours runs afterwards.
   auto teardown = [this] {
+    LogInfo(tag::kUdpChannel, "UdpChannelImpl::_Close");
     _CloseSocketUnchecked(false, false);
     m_sender.reset();
   };
-  if (!m_loop || m_loop->IsLoopThread() || m_loop->SyncCall(teardown) != 0) {
-    // No loop thread runs (or this is it): nothing can race with us.
-    if (m_sender) teardown();
-  }
+  RunFinalOnLoop(m_loop, teardown);
   delete m_connectOption;
 }
 

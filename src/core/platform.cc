@@ -86,15 +86,12 @@ void SetThreadSlot(void* value) { t_slot = value; }
 void* GetThreadSlot() { return t_slot; }
 #endif
 
-void IgnoreBrokenPipe() {
+void BlockBrokenPipeOnThisThread() {
 #ifndef _WIN32
-  struct sigaction current;
-  if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
-    sigemptyset(&ignore.sa_mask);
-    sigaction(SIGPIPE, &ignore, nullptr);
-  }
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 #endif
 }
 

@@ -32,10 +32,12 @@ void SetThreadSlot(void* value);
 void* GetThreadSlot();
 
 // A write to a TCP connection that the peer has closed raises SIGPIPE on POSIX,
-// whose default action ends the process; the library reports that case as an
-// error instead.  Sets SIGPIPE to be ignored unless the application has given
-// it a handler of its own.  Nothing to do on Windows.
-void IgnoreBrokenPipe();
+// whose default action ends the process.  Every write to a socket happens on a
+// loop thread, so blocking the signal in that thread's own mask is enough: the
+// write fails with EPIPE, which is reported as an error, and the process-wide
+// disposition stays the application's.  Call it on the loop thread itself.
+// Nothing to do on Windows, which has no such signal.
+void BlockBrokenPipeOnThisThread();
 
 // vsnprintf with one difference: %S (and %ls) take a wide string and print it as
 // UTF-8, whatever the locale.  Returns what vsnprintf returns.

@@ -8,6 +8,7 @@
 #include "core/check.h"
 #include "core/logging.h"
 #include "core/platform.h"
+#include "loop/run_on_loop.h"
 #include "loop/timer_impl.h"
 
 namespace zelsocket {
@@ -53,7 +54,7 @@ IOLoopImpl::~IOLoopImpl() {
 int IOLoopImpl::Start() {
   int ret = -1;
   if (Loop() == nullptr && !(m_flags.load() & kStopping)) {
-    platform::IgnoreBrokenPipe();
+    std::lock_guard<std::recursive_mutex> life(m_lifeMutex);
     auto* loop = static_cast<uv_loop_t*>(std::calloc(1, sizeof(uv_loop_t)));
     bool initialised = loop && uv_loop_init(loop) == 0;
     if (!initialised) {
@@ -83,10 +84,12 @@ int IOLoopImpl::Start() {
 
 void IOLoopImpl::_ThreadProc(void* arg) {
   auto* self = static_cast<IOLoopImpl*>(arg);
+  platform::BlockBrokenPipeOnThisThread();
   self->_InitOnLoopThread();
   platform::SetThreadSlot(self->m_owner);
   self->m_startSem->Post();
   uv_run(self->Loop(), UV_RUN_DEFAULT);
+  self->_AfterRun();
   platform::SetThreadSlot(nullptr);
 }
 
@@ -106,6 +109,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   uv_idle_init(loop, m_callIdle);
   m_callOpen = true;
   m_callScheduled = false;
+  m_finalOpen = true;
   uv_mutex_unlock(&m_callMutex);
 
   uv_mutex_lock(&m_delayMutex);
@@ -122,6 +126,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   uv_mutex_unlock(&m_workMutex);
 
   m_draining = false;
+  m_handedOff = false;
 }
 
 int IOLoopImpl::Stop() {
@@ -129,13 +134,16 @@ int IOLoopImpl::Stop() {
   if (Loop() != nullptr && !IsLoopThread() && !(m_flags.fetch_or(kStopping) & kStopping)) {
     uv_async_send(m_stopAsync);
     uv_thread_join(&m_thread);
+    std::lock_guard<std::recursive_mutex> life(m_lifeMutex);
     m_stopAsync = nullptr;
     m_thread = uv_thread_t{};
     m_threadId.store(uv_thread_t{});
     uv_loop_t* loop = Loop();
     // A loop that still has handles (sockets the owner did not close) cannot be
-    // closed; its storage must then stay, and is deliberately given up.
-    if (uv_loop_close(loop) == 0) std::free(loop);
+    // closed; its storage stays until a late teardown closes the last of them.
+    if (!m_handedOff && uv_loop_close(loop) == 0) std::free(loop);
+    else if (!m_handedOff) m_deadLoops.push_back(loop);
+    m_handedOff = false;
     m_uvLoop.store(nullptr, std::memory_order_release);
     m_flags.fetch_and(~kStopping);
     ret = 0;
@@ -170,7 +178,15 @@ void IOLoopImpl::_AsyncStop() {
     CloseHandle(m_callCheck);
     CloseHandle(m_callIdle);
     // Dropped outside the lock: what an item owns may post again (and be refused).
-    for (CallItem* item : pending) _DropItem(item);
+    // A teardown is run, not dropped: its caller cannot go on without it.
+    for (CallItem* item : pending) {
+      if (item->final) {
+        _InvokeItem(item);
+        delete item;
+      } else {
+        _DropItem(item);
+      }
+    }
   }
   if (m_delayTimer) {
     uv_timer_stop(m_delayTimer);
@@ -202,13 +218,124 @@ void IOLoopImpl::_AsyncStop() {
     CloseHandle(m_workAsync);
     for (WorkItem* item : pending) _DropWork(item);
   }
-  // Jobs already on the pool: cancel what has not started and let the loop run
-  // until the rest has come back, so that every record goes on this thread.
+  // Jobs already on the pool: cancel what has not started.  The loop ends now all
+  // the same; a job whose work function is running cannot be waited for, as
+  // nothing bounds how long it runs (see _AfterRun).
   m_draining = true;
   for (WorkItem* item = m_workInFlight; item; item = item->next) {
     uv_cancel(reinterpret_cast<uv_req_t*>(&item->req));
   }
-  if (m_workInFlightCount == 0) uv_stop(Loop());
+  uv_stop(Loop());
+}
+
+// On the loop thread, after its last pass.  Runs the teardowns that came too
+// late for the stop sequence, then settles what is left on the libuv loop.
+void IOLoopImpl::_AfterRun() {
+  ZS_DCHECK(IsLoopThread());
+  std::deque<CallItem*> finals;
+  uv_mutex_lock(&m_callMutex);
+  m_finalOpen = false;
+  finals.swap(m_finalQueue);
+  uv_mutex_unlock(&m_callMutex);
+  for (CallItem* item : finals) {
+    _InvokeItem(item);
+    delete item;
+  }
+
+  uv_loop_t* loop = Loop();
+  // With no active handle left, one more pass can only run close callbacks and
+  // report jobs (cancelled or finished): nothing reaches a sink.  With handles
+  // the owner left open it would deliver their I/O, so the loop is left as it is.
+  if (loop->active_handles != 0) return;
+  if (uv_loop_alive(loop)) uv_run(loop, UV_RUN_NOWAIT);
+  // Jobs still running report through this loop's storage, which must outlive
+  // them; a reaper thread takes it over when these jobs are the only requests
+  // left (active_reqs counts every request in flight on the loop).
+  if (m_workInFlightCount == 0 || loop->active_reqs.count != m_workInFlightCount) return;
+  for (WorkItem* item = m_workInFlight; item; item = item->next) item->orphan = true;
+  m_workInFlight = nullptr;
+  m_workInFlightCount = 0;
+  m_handedOff = true;
+  std::thread(&IOLoopImpl::_ReapLoop, loop).detach();
+}
+
+// Waits out the orphaned jobs (each is dropped as it reports), then closes and
+// frees the loop.  Touches nothing of the IOLoopImpl, which may be gone by now.
+void IOLoopImpl::_ReapLoop(uv_loop_t* loop) {
+  uv_run(loop, UV_RUN_DEFAULT);
+  if (uv_loop_close(loop) == 0) std::free(loop);
+}
+
+void IOLoopImpl::RunFinal(const std::function<void()>& fn) {
+  if (IsLoopThread()) {
+    fn();
+    return;
+  }
+  for (;;) {
+    SyncWait wait;
+    auto* queued = new CallItem();
+    queued->sync = &wait;
+    queued->final = true;
+    queued->fn = fn;
+    uv_mutex_lock(&m_callMutex);
+    if (m_callOpen) {
+      m_callQueue.push_back(queued);
+      const bool wake = !m_callScheduled;
+      m_callScheduled = true;
+      uv_async_t* async = m_callAsync;
+      if (wake) m_wakers.fetch_add(1, std::memory_order_relaxed);
+      uv_mutex_unlock(&m_callMutex);
+      // A failed wake-up leaves the item queued: a later wake-up or the stop
+      // sequence runs it.
+      if (wake) {
+        uv_async_send(async);
+        m_wakers.fetch_sub(1, std::memory_order_release);
+      }
+      wait.sem.Wait();
+      return;
+    }
+    if (m_finalOpen) {
+      m_finalQueue.push_back(queued);
+      uv_mutex_unlock(&m_callMutex);
+      wait.sem.Wait();
+      return;
+    }
+    uv_mutex_unlock(&m_callMutex);
+    delete queued;
+    {
+      std::lock_guard<std::recursive_mutex> life(m_lifeMutex);
+      if (Loop() == nullptr && !(m_flags.load() & kStopping)) {
+        _RunFinalHere(fn);
+        return;
+      }
+    }
+    // Starting, or a stop whose loop thread has ended but which has not finished:
+    // either is a matter of moments.
+    std::this_thread::yield();
+  }
+}
+
+// No loop thread exists and m_lifeMutex is held: this thread stands in for it,
+// so that the teardown and whatever it calls pass the loop-thread checks.
+void IOLoopImpl::_RunFinalHere(const std::function<void()>& fn) {
+  m_threadId.store(uv_thread_self());
+  fn();
+  _ReclaimDeadLoops();
+  m_threadId.store(uv_thread_t{});
+}
+
+void IOLoopImpl::_ReclaimDeadLoops() {
+  for (auto it = m_deadLoops.begin(); it != m_deadLoops.end();) {
+    uv_loop_t* loop = *it;
+    // Only close callbacks can run with no active handle (see _AfterRun).
+    if (loop->active_handles == 0 && uv_loop_alive(loop)) uv_run(loop, UV_RUN_NOWAIT);
+    if (uv_loop_close(loop) == 0) {
+      std::free(loop);
+      it = m_deadLoops.erase(it);
+    } else {
+      ++it;
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -497,6 +624,10 @@ void IOLoopImpl::_OnWork_Static(uv_work_t* req) {
 
 void IOLoopImpl::_OnAfterWork_Static(uv_work_t* req, int status) {
   auto* item = static_cast<WorkItem*>(req->data);
+  if (item->orphan) {
+    _DropWork(item);
+    return;
+  }
   item->owner->_OnAfterWork(item, status);
 }
 
@@ -509,7 +640,6 @@ void IOLoopImpl::_OnAfterWork(WorkItem* item, int status) {
 
   if (m_draining) {
     _DropWork(item);
-    if (m_workInFlightCount == 0) uv_stop(Loop());
     return;
   }
   item->cb->OnAfterWork(status, item->data);
@@ -519,6 +649,11 @@ void IOLoopImpl::_OnAfterWork(WorkItem* item, int status) {
 void IOLoopImpl::_DropWork(WorkItem* item) {
   item->cb->OnWorkDropped(item->data);
   delete item;
+}
+
+void RunFinalOnLoop(IOLoop* loop, const std::function<void()>& fn) {
+  if (loop) IOLoopImpl::Of(loop)->RunFinal(fn);
+  else fn();
 }
 
 // ---------------------------------------------------------------------------

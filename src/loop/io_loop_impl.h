@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "zelsocket/io_loop.h"
@@ -20,8 +21,6 @@ class TimerImpl;
 
 class IOLoopImpl {
  public:
-  static IOLoopImpl* Of(IOLoop* loop) { return loop->_impl; }
-
   explicit IOLoopImpl(IOLoop* owner);
   ~IOLoopImpl();
   IOLoopImpl(const IOLoopImpl&) = delete;
@@ -35,6 +34,15 @@ class IOLoopImpl {
   int AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, std::function<void()> fn);
   int DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data, std::function<void()> fn);
   int QueueWork(IWorkCallback* callback, void* data);
+
+  // Runs `fn` on the loop thread and returns after it, in every state of the
+  // loop, for the teardown of objects whose last reference may go on any thread.
+  // Unlike SyncCall it is never refused or dropped while a stop is under way: the
+  // stop sequence runs it instead of dropping it, or the loop thread runs it after
+  // its last pass.  Once no loop thread is left, it runs on the caller's thread,
+  // which stands in for the loop thread meanwhile.
+  void RunFinal(const std::function<void()>& fn);
+  static IOLoopImpl* Of(IOLoop* loop) { return loop->_impl; }
 
   // Items queued now; for tests and the benchmarks.
   std::size_t PendingDelayCalls();
@@ -56,6 +64,7 @@ class IOLoopImpl {
 
   struct CallItem {
     SyncWait* sync = nullptr;
+    bool final = false;  // RunFinal: run, never dropped
     std::int64_t due = 0;
     void* data = nullptr;
     std::function<void()> fn;
@@ -67,6 +76,9 @@ class IOLoopImpl {
     IOLoopImpl* owner = nullptr;
     RefPtr<IWorkCallback> cb;
     void* data = nullptr;
+    // Set when the loop ended with the job still on the pool: whoever reaps the
+    // loop then drops the record without touching its IOLoopImpl.
+    bool orphan = false;
     // Links of the list of jobs handed to libuv's pool (loop thread only).
     WorkItem* prev = nullptr;
     WorkItem* next = nullptr;
@@ -91,6 +103,10 @@ class IOLoopImpl {
   void _AsyncStop();
   void _ServeCalls();
   void _ArmCallService(bool fromPoll);
+  void _AfterRun();
+  void _RunFinalHere(const std::function<void()>& fn);
+  void _ReclaimDeadLoops();
+  static void _ReapLoop(uv_loop_t* loop);
   void _OnDelayTimer();
   void _OnAsyncQueueWork();
   void _OnAfterWork(WorkItem* item, int status);
@@ -155,10 +171,24 @@ class IOLoopImpl {
   std::atomic<int> m_wakers{0};
 
   // Jobs handed to uv_queue_work and not yet reported (loop thread only).  A stop
-  // waits for them, so that their records are released on the loop thread.
+  // does not wait for them: those still running when the loop ends are handed,
+  // with the libuv loop they report to, to a reaper thread.
   WorkItem* m_workInFlight = nullptr;
   std::size_t m_workInFlightCount = 0;
   bool m_draining = false;
+  bool m_handedOff = false;  // the reaper owns this run's uv_loop_t (set before the join)
+
+  // RunFinal items that came after the stop sequence drained m_callQueue; the
+  // loop thread runs them after its last pass.  Guarded by m_callMutex.
+  std::deque<CallItem*> m_finalQueue;
+  bool m_finalOpen = false;
+
+  // Serialises Start, the end of Stop, and RunFinal on a thread standing in for
+  // a loop thread that is gone.  Recursive: a teardown may release further objects.
+  std::recursive_mutex m_lifeMutex;
+  // Loops that could not be closed at Stop because handles were still open; a
+  // late teardown that closes the last of them frees the loop.
+  std::vector<uv_loop_t*> m_deadLoops;
 };
 
 }  // namespace zelsocket

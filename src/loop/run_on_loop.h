@@ -2,6 +2,7 @@
 #ifndef ZELSOCKET_SRC_LOOP_RUN_ON_LOOP_H
 #define ZELSOCKET_SRC_LOOP_RUN_ON_LOOP_H
 
+#include <functional>
 #include <utility>
 
 #include "zelsocket/io_loop.h"
@@ -20,6 +21,11 @@ bool RunOnLoop(IOLoop* loop, Fn&& fn) {
   }
   return loop->SyncCall(std::forward<Fn>(fn)) == 0;
 }
+
+// The teardown of an object whose last reference may go on any thread: runs
+// `fn` on the loop thread whatever state the loop is in (see
+// IOLoopImpl::RunFinal), or inline when the object has no loop at all.
+void RunFinalOnLoop(IOLoop* loop, const std::function<void()>& fn);
 
 }  // namespace zelsocket
 

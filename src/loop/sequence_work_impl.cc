@@ -107,9 +107,9 @@ void SequenceWorkImpl::_OnAfterWork(int status, void* /*data*/) {
 
 // A stopping loop hands back the current job without running it.  Nothing more
 // can run on this loop, so the waiting jobs go too, and the object is idle
-// again: a later QueueWork meets the stopped loop and is refused.
+// again: a later QueueWork meets the stopped loop and is refused.  Like
+// WorkImpl::_OnWorkDropped, it may run on the thread that reaps an ended loop.
 void SequenceWorkImpl::_OnWorkDropped(void* data) {
-  ZS_ASSERT_LOOP_THREAD(m_loop);
   auto* job = static_cast<SequenceWorkCtx*>(data);
   std::deque<SequenceWorkCtx*> dropped;
   {

@@ -73,9 +73,10 @@ void WorkImpl::_OnAfterWork(int status, void* data) {
 }
 
 // A stopping loop hands the job back without running it: release the record,
-// call nothing of the application.
+// call nothing of the application.  On the loop thread, or, for a job that was
+// still running when its loop ended, on the thread that reaps that loop; only
+// locked state is touched.
 void WorkImpl::_OnWorkDropped(void* data) {
-  ZS_ASSERT_LOOP_THREAD(m_loop);
   auto* ctx = static_cast<WorkCtx*>(data);
   _TakePending(ctx->cookie);
   delete ctx;

@@ -34,10 +34,7 @@ TcpImpl::TcpImpl(IOLoop* loop)
 // the loop thread, so the anchor is disconnected and the libuv state torn down
 // there; a socket released without Close has its handle closed too.
 TcpImpl::~TcpImpl() {
-  if (!RunOnLoop(m_loop, [this] { _Teardown(); })) {
-    // No loop runs any more, so nothing can race with this thread.
-    _Teardown();
-  }
+  RunFinalOnLoop(m_loop, [this] { _Teardown(); });
 }
 
 void TcpImpl::_Teardown() {

@@ -26,11 +26,10 @@ UdpImpl::UdpImpl(IOLoop* loop) : m_loop(loop ? loop : IOLoop::GetLoop()), m_asyn
 UdpImpl::~UdpImpl() {
   // Completions that are still on their way reach nothing from here on.
   m_sinkAnchor->Disconnect();
-  if (m_loop && !RunOnLoop(m_loop, [this] { _Close(); })) {
-    // The loop is gone: nothing of libuv can be touched any more.
-    _DropQueue();
-    m_async.Cancel();
-  }
+  RunFinalOnLoop(m_loop, [this] {
+    if (m_loop) _Close();
+    else m_async.Cancel();  // never had a loop, so never a handle
+  });
 }
 
 bool UdpImpl::_Keep(RefPtr<UdpImpl>& keep) {

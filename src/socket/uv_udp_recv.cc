@@ -76,7 +76,8 @@ void UvUdpRecv::_AllocCallback(uv_handle_t* handle, size_t /*suggested*/, uv_buf
 }
 
 void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* /*buf*/, const sockaddr* addr,
-                              unsigned int flags) {
+                              unsigned int /*flags*/) {
+  // A datagram cut to fit the buffer (UV_UDP_PARTIAL) is delivered as it came.
   auto* self = static_cast<UvUdpRecv*>(handle->data);
   if (!self || !self->m_ctx) return;
   ZS_ASSERT_LOOP_THREAD(self->m_loop);
@@ -88,9 +89,6 @@ void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* /
   UdpRecvCtx* record = self->m_ctx;
   record->nread = nread;
   record->from.FromSockaddr(addr);
-  if (flags & UV_UDP_PARTIAL) {
-    LogDebug(tag::kOp, "UvUdpRecv::_RecvCallback, datagram cut to %zd bytes", nread);
-  }
   if (record->continuous) {
     self->_OnRecv(nullptr);
     return;
