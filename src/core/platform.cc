@@ -27,24 +27,6 @@ std::uint64_t TickMs() {
 #endif
 }
 
-std::uint64_t TickMsNotBelow() {
-#ifdef _WIN32
-  return GetTickCount64();
-#else
-  // The coarse clock is the same clock read at the last scheduler tick: it
-  // lags by less than its resolution.
-  static const long resolutionNs = [] {
-    timespec res;
-    return clock_getres(CLOCK_MONOTONIC_COARSE, &res) == 0 && res.tv_sec == 0 ? res.tv_nsec : -1L;
-  }();
-  if (resolutionNs < 0) return TickMs();
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  std::uint64_t ns = static_cast<std::uint64_t>(ts.tv_nsec) + static_cast<std::uint64_t>(resolutionNs);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000u + ns / 1000000u;
-#endif
-}
-
 std::int64_t WallClockSeconds() {
 #ifdef _WIN32
   return _time64(nullptr);

@@ -14,10 +14,6 @@ namespace platform {
 // Milliseconds on a monotonic clock that does not wrap.  Schedules, delays and
 // the log's delay fields use it.
 std::uint64_t TickMs();
-// A tick count that is never below TickMs() read at the same moment, and may
-// be a few milliseconds above it; much cheaper to read where the precise clock
-// is.  For due times that must not come early.
-std::uint64_t TickMsNotBelow();
 
 // Wall clock in whole seconds since the epoch (cache ages, log time stamps).
 std::int64_t WallClockSeconds();

@@ -500,9 +500,9 @@ void IOLoopImpl::_OnDelayTimer_Static(uv_timer_t* handle) { static_cast<IOLoopIm
 
 bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer) {
   if (!m_delayOpen || _Refusing()) return false;
-  // The poll compares with the precise clock, so a due time read from the
-  // cheaper clock can only make a timer a few milliseconds later, never early.
-  std::int64_t due = static_cast<std::int64_t>(platform::TickMsNotBelow()) + static_cast<std::int64_t>(delayMs);
+  // The precise clock: the coarse one can lag by more than its resolution
+  // (late scheduler ticks on a busy host), which would fire a timer early.
+  std::int64_t due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
   if (timer->m_entries++ == 0) timer->AddRef();
   m_timerQueue.push_back(TimerEntry{due, id, timer});
   std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
