@@ -243,18 +243,21 @@ void IOLoopImpl::_AfterRun() {
   }
 
   uv_loop_t* loop = Loop();
-  // With no active handle left, one more pass can only run close callbacks and
-  // report jobs (cancelled or finished): nothing reaches a sink.  With handles
-  // the owner left open it would deliver their I/O, so the loop is left as it is.
-  if (loop->active_handles != 0) return;
-  if (uv_loop_alive(loop)) uv_run(loop, UV_RUN_NOWAIT);
+  // With no active handle left and no request but our jobs, one more pass can
+  // only run close callbacks and report jobs (cancelled or finished): nothing
+  // reaches a sink.  Handles the owner left open would have their I/O delivered
+  // (and a resolution its answer), so then the loop is left as it is.
+  // active_reqs counts every request in flight on the loop.
+  bool quiet = loop->active_handles == 0 && loop->active_reqs.count == m_workInFlightCount;
+  if (quiet && uv_loop_alive(loop)) uv_run(loop, UV_RUN_NOWAIT);
+  if (m_workInFlightCount == 0) return;
   // Jobs still running report through this loop's storage, which must outlive
-  // them; a reaper thread takes it over when these jobs are the only requests
-  // left (active_reqs counts every request in flight on the loop).
-  if (m_workInFlightCount == 0 || loop->active_reqs.count != m_workInFlightCount) return;
+  // them.  Their records no longer belong to this IOLoopImpl, which may run
+  // again or be destroyed before they end.
   for (WorkItem* item = m_workInFlight; item; item = item->next) item->orphan = true;
   m_workInFlight = nullptr;
   m_workInFlightCount = 0;
+  if (!quiet) return;  // Stop keeps the loop among the dead ones
   m_handedOff = true;
   std::thread(&IOLoopImpl::_ReapLoop, loop).detach();
 }
