@@ -204,6 +204,8 @@ bool IOLoopImpl::IsLoopThread() const {
   return uv_thread_equal(&self, &loop) != 0;
 }
 
+bool IOLoopImpl::_StopBegun() const { return (m_flags.load(std::memory_order_acquire) & kStopping) != 0; }
+
 bool IOLoopImpl::_Refusing() const { return Loop() == nullptr || (m_flags.load(std::memory_order_acquire) & kStopping); }
 
 int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, std::function<void()> fn) {
@@ -259,6 +261,10 @@ void IOLoopImpl::_OnAsyncCall_Static(uv_async_t* handle) { static_cast<IOLoopImp
 
 void IOLoopImpl::_AsyncCall() {
   ZS_DCHECK(IsLoopThread());
+  // Once a stop has begun, what is queued is the stop's to drop.  libuv on POSIX
+  // serves the stop's wake-up ahead of this one, on Windows in the order they
+  // were sent; without this a call queued before the stop would still run there.
+  if (_StopBegun()) return;
   CallItem* item = nullptr;
   bool more = false;
   uv_mutex_lock(&m_callMutex);
@@ -321,6 +327,7 @@ void IOLoopImpl::_OnDelayTimer_Static(uv_timer_t* handle) { static_cast<IOLoopIm
 
 void IOLoopImpl::_OnDelayTimer() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   for (;;) {
     CallItem* item = nullptr;
     uv_mutex_lock(&m_delayMutex);
@@ -393,6 +400,7 @@ void IOLoopImpl::_OnAsyncQueueWork_Static(uv_async_t* handle) {
 
 void IOLoopImpl::_OnAsyncQueueWork() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   uv_mutex_lock(&m_workMutex);
   while (!m_workQueue.empty()) {
     WorkItem* item = m_workQueue.front();

@@ -64,6 +64,7 @@ class IOLoopImpl {
     bool operator()(const CallItem* a, const CallItem* b) const { return a->due > b->due; }
   };
 
+  bool _StopBegun() const;
   bool _Refusing() const;
   int _SubmitWork(WorkItem* item);
   void _InitOnLoopThread();
