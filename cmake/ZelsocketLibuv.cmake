@@ -14,14 +14,15 @@ else()
   set(ZELSOCKET_LIBUV PkgConfig::LIBUV)
 endif()
 
-# A program finds a DLL it loads in its own folder: puts libuv's DLL beside
-# `target` after each build.
-function(zelsocket_copy_libuv_runtime target)
+# A program finds the DLLs it loads in its own folder: puts libuv's DLL into
+# `dir` after each build of `target`.
+function(zelsocket_copy_libuv_runtime target dir)
   if(WIN32 AND TARGET uv)
     get_target_property(type uv TYPE)
     if(type STREQUAL "SHARED_LIBRARY")
       add_custom_command(TARGET ${target} POST_BUILD
-        COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:uv> $<TARGET_FILE_DIR:${target}>)
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${dir}
+        COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:uv> ${dir})
     endif()
   endif()
 endfunction()
