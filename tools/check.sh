@@ -98,11 +98,14 @@ run_windows() {
   local dir=build/check-windows deps
   echo "== windows: dependencies"
   tools/deps.sh windows
+  local start=$SECONDS
   deps=$(tools/windows-deps.sh | tail -1)
-  echo "== windows: configure and build (mingw-w64, libuv and GoogleTest from $deps)"
+  echo "== windows: libuv and GoogleTest for Windows in $deps ($((SECONDS - start)) s)"
+  start=$SECONDS
   cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
     -DCMAKE_PREFIX_PATH="$deps" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELSOCKET_DCHECK=ON >/dev/null
   cmake --build "$dir" -j"$jobs"
+  echo "== windows: library, tests and examples built in $((SECONDS - start)) s"
 
   local wine=/usr/lib/wine/wine64
   export WINEPREFIX=$PWD/$dir/wineprefix WINEDEBUG=-all
