@@ -120,7 +120,8 @@ run_windows() {
     echo "== windows: $name"
     rc=0
     timeout 900 "$wine" "$exe" >"$log" 2>&1 || rc=$?
-    grep -E "^\[  (PASSED|FAILED|SKIPPED) |: Failure" "$log" | head -30 || true
+    # Counts, failures, and each skip with its reason (the line after "Skipped").
+    tr -d '\r' <"$log" | grep -E -A1 "^\[  (PASSED|FAILED|SKIPPED) |: Failure$|: Skipped$" | grep -v "^--$" | head -40 || true
     count_windows_run "$log" "$rc"
   done
   for exe in "$dir"/bin/*_fuzz_replay.exe; do
