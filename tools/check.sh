@@ -102,7 +102,7 @@ run_windows() {
   deps=$(tools/windows-deps.sh | tail -1)
   echo "== windows: libuv and GoogleTest for Windows in $deps ($((SECONDS - start)) s)"
   start=$SECONDS
-  cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
+  cmake -S . -B "$dir" --no-warn-unused-cli -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
     -DCMAKE_PREFIX_PATH="$deps" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELSOCKET_DCHECK=ON >/dev/null
   cmake --build "$dir" -j"$jobs"
   echo "== windows: library, tests and examples built in $((SECONDS - start)) s"
