@@ -350,6 +350,8 @@ bool IOLoopImpl::IsLoopThread() const {
   return uv_thread_equal(&self, &loop) != 0;
 }
 
+bool IOLoopImpl::_StopBegun() const { return (m_flags.load(std::memory_order_acquire) & kStopping) != 0; }
+
 bool IOLoopImpl::_Refusing() const { return Loop() == nullptr || (m_flags.load(std::memory_order_acquire) & kStopping); }
 
 int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, std::function<void()> fn) {
@@ -436,6 +438,10 @@ void IOLoopImpl::_ArmCallService(bool fromPoll) {
 // target that posts itself again cannot starve the loop.
 void IOLoopImpl::_ServeCalls() {
   ZS_DCHECK(IsLoopThread());
+  // Once a stop has begun, what is queued is the stop's to drop.  libuv on POSIX
+  // serves the stop's wake-up ahead of this one, on Windows in the order they
+  // were sent; without this a call queued before the stop would still run there.
+  if (_StopBegun()) return;
   uv_mutex_lock(&m_callMutex);
   m_callBatch.swap(m_callQueue);
   uv_mutex_unlock(&m_callMutex);
@@ -515,6 +521,7 @@ bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer
 // Runs what has come due, delayed calls and timers alike, earliest first.
 void IOLoopImpl::_OnDelayTimer() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   for (;;) {
     CallItem* item = nullptr;
     TimerEntry entry{0, 0, nullptr};
@@ -607,6 +614,7 @@ void IOLoopImpl::_OnAsyncQueueWork_Static(uv_async_t* handle) {
 
 void IOLoopImpl::_OnAsyncQueueWork() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   uv_mutex_lock(&m_workMutex);
   while (!m_workQueue.empty()) {
     WorkItem* item = m_workQueue.front();

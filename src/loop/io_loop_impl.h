@@ -97,6 +97,7 @@ class IOLoopImpl {
     bool operator()(const TimerEntry& a, const TimerEntry& b) const { return a.due > b.due; }
   };
 
+  bool _StopBegun() const;
   bool _Refusing() const;
   int _SubmitWork(WorkItem* item);
   void _InitOnLoopThread();
