@@ -68,7 +68,7 @@ def build_and_test(tree, logdir, tag):
     if run(["cmake", "--build", str(tree), "-j2"], ROOT, build_log) != 0:
         return "build-failed", ""
     test_log = logdir / f"{tag}.ctest.log"
-    rc = run(["ctest", "-j2", "--timeout", "60", "--stop-on-failure"], tree, test_log)
+    rc = run(["ctest", "-j2", "--timeout", "60", "--stop-on-failure", "--output-on-failure"], tree, test_log)
     if rc == 0:
         return "pass", ""
     names = failed_tests(test_log)
@@ -108,7 +108,7 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--tree", action="append", required=True, help="configured build tree (repeatable)")
     ap.add_argument("--mutants", default=str(ROOT / "tools" / "mutants.txt"))
-    ap.add_argument("--only", help="comma-separated mutant ids")
+    ap.add_argument("--only", help="comma-separated mutant ids, run in this order")
     ap.add_argument("--out", default="mutation-results.txt")
     ap.add_argument("--no-baseline", action="store_true", help="skip the unmutated run")
     args = ap.parse_args()
@@ -124,11 +124,12 @@ def main():
         logdirs[t].mkdir(exist_ok=True)
     mutants = read_mutants(args.mutants)
     if args.only:
-        wanted = set(args.only.split(","))
-        unknown = wanted - {m["id"] for m in mutants}
+        by_id = {m["id"]: m for m in mutants}
+        wanted = args.only.split(",")
+        unknown = [i for i in wanted if i not in by_id]
         if unknown:
-            sys.exit(f"unknown mutant ids: {','.join(sorted(unknown))}")
-        mutants = [m for m in mutants if m["id"] in wanted]
+            sys.exit(f"unknown mutant ids: {','.join(unknown)}")
+        mutants = [by_id[i] for i in wanted]  # in the order given
 
     if not args.no_baseline:
         for t in trees:
