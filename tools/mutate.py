@@ -80,12 +80,12 @@ def run_mutant(m, trees, logdirs):
     path = ROOT / "src" / m["path"]
     if not path.is_file():
         return "gone", "", "file not found"
-    original = path.read_text()
+    original = path.read_bytes().decode()  # bytes: line endings stay as they are
     count = original.count(m["find"])
     if count != 1:
         return "gone", "", f"text found {count} times"
     try:
-        path.write_text(original.replace(m["find"], m["repl"], 1))
+        path.write_bytes(original.replace(m["find"], m["repl"], 1).encode())
         for i, tree in enumerate(trees):
             status, detail = build_and_test(tree, logdirs[tree], m["id"])
             ran = ",".join(t.name for t in trees[:i + 1])  # the killer is last
@@ -95,7 +95,7 @@ def run_mutant(m, trees, logdirs):
                 return "killed", ran, detail
         return "survived", ",".join(t.name for t in trees), ""
     finally:
-        path.write_text(original)
+        path.write_bytes(original.encode())
         now = time.time()
         os.utime(path, (now, now))  # newer than the mutated objects: rebuilt next time
 
