@@ -262,6 +262,9 @@ TEST_F(TcpTest, OperationsCancelledInFlight) {
     sendOp->Cancel();
     countAfterCancel = data->AddRef() - 1;
     data->Release();
+    for (bool nullHandle : {true, false})  // each argument is checked on its own
+      EXPECT_EQ(recvOp->Recv(nullHandle ? nullptr : stream(), nullHandle ? Buf().Get() : nullptr, Ctx(9), sink), -1);
+    EXPECT_EQ(recvOp->Recv(stream(), Buf(), Ctx(9), nullptr), -1);
     ASSERT_EQ(recvOp->Recv(stream(), Buf(), Ctx(4), sink), 0);
     recvOp->Cancel();
     rearm = recvOp->Recv(stream(), Buf().Get(), Ctx(5), sink);
