@@ -66,6 +66,13 @@ void UdpImpl::_Open(const UdpOpenOptions& options, int& ret) {
     ret = -1;
     return;
   }
+  // Refused here rather than left to the socket call: Linux refuses a socket
+  // of no family, but Winsock picks a provider for it and only the bind fails.
+  if (!options.bindAddress.GetAddress().IsValid()) {
+    LogInfo(tag::kUdp, "UvUdpImpl.Open, bind address unset.");
+    ret = -1;
+    return;
+  }
   auto* block = static_cast<uv_udp_t*>(std::calloc(1, sizeof(uv_udp_t)));
   if (!block) throw std::bad_alloc();
   int rc = uv_udp_init(m_loop->Loop(), block);

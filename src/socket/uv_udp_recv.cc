@@ -75,12 +75,15 @@ void UvUdpRecv::_AllocCallback(uv_handle_t* handle, size_t /*suggested*/, uv_buf
   *out = uv_buf_init(reinterpret_cast<char*>(buffer->GetBuf()), static_cast<unsigned int>(buffer->GetLength()));
 }
 
-void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* /*buf*/, const sockaddr* addr,
-                              unsigned int /*flags*/) {
+void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* buf, const sockaddr* addr,
+                              unsigned int flags) {
   // A datagram cut to fit the buffer (UV_UDP_PARTIAL) is delivered as it came.
   auto* self = static_cast<UvUdpRecv*>(handle->data);
   if (!self || !self->m_ctx) return;
   ZS_ASSERT_LOOP_THREAD(self->m_loop);
+  // A cut datagram fills the whole buffer, but libuv on Windows may report it
+  // with a count of 0 (Winsock leaves the count of a WSAEMSGSIZE read unset).
+  if ((flags & UV_UDP_PARTIAL) && addr && nread >= 0) nread = static_cast<ssize_t>(buf->len);
   if (nread == 0) {
     // Both "nothing to read" and an empty datagram: neither is delivered.
     LogInfo(tag::kOp, "UvUdpRecv::_RecvCallback, nread=0");
