@@ -4,7 +4,7 @@
 // does not, or if the resident set keeps growing after the warm-up.
 //
 //   channel_soak [--requests N] [--window W] [--loss PERCENT] [--report-every N]
-#include <unistd.h>
+#include <uv.h>
 
 #include <atomic>
 #include <chrono>
@@ -15,6 +15,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zelsocket/zelsocket.h"
@@ -25,13 +26,9 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 long ResidentKiB() {
-  long pages = 0, resident = 0;
-  FILE* f = std::fopen("/proc/self/statm", "r");
-  if (f) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+  size_t rss = 0;
+  if (uv_resident_set_memory(&rss) != 0) return 0;
+  return static_cast<long>(rss / 1024);
 }
 
 void Quiet(LOG_LEVEL, const char*, const char*) {}
@@ -171,7 +168,7 @@ int main(int argc, char** argv) {
   int status = -99;
   for (int waited = 0; status == -99 && waited < 5000; ++waited) {
     clientLoop.SyncCall([&] { status = client->connectStatus; });
-    if (status == -99) usleep(1000);
+    if (status == -99) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   if (status != 0) {
     std::fprintf(stderr, "connect failed: %d\n", status);
@@ -205,7 +202,7 @@ int main(int argc, char** argv) {
       while (nextReport <= finished) nextReport += reportEvery;
       if (finished == requests) break;
     }
-    usleep(10000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   client->done.Wait();
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();

@@ -134,6 +134,13 @@ run_windows() {
     count_windows_run "$log" "$rc"
   done
 
+  echo "== windows: soak check"
+  log=$dir/soak.log
+  rc=0
+  timeout 300 "$wine" "$dir/bin/zelsocket_soak_check.exe" --requests 20000 --report-every 5000 >"$log" 2>&1 || rc=$?
+  tr -d '\r' <"$log" | tail -3
+  count_windows_run "$log" "$rc"
+
   echo "== windows: udp_request.exe --short"
   log=$dir/udp_request.log
   rc=0

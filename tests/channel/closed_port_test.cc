@@ -9,9 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "channel/channel_sink.h"
-#include "channel/channel_test_util.h"
-#include "support/test_support.h"
+#include "support/recorder.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/io_loop.h"
@@ -129,14 +127,14 @@ TEST_F(ClosedPortTest, SocketKeepsReceivingAfterSendingToAClosedPort) {
   // Two rounds, so that an error left pending by the first send would meet a
   // receive that is already armed again.
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(0, udp->Send(zstest::Bytes("into the void"), IPEndPoint("127.0.0.1", port), nullptr));
+    ASSERT_EQ(0, udp->Send(zstest::Buf("into the void"), IPEndPoint("127.0.0.1", port), nullptr));
     ASSERT_TRUE(zstest::WaitUntil([&] { return sink->Sends().size() == static_cast<size_t>(i + 1); }));
   }
   EXPECT_EQ((std::vector<int>{0, 0}), sink->Sends());
 
   Echo peer(&peerLoop, 0);
   ASSERT_EQ(0, peer.opened);
-  ASSERT_EQ(0, peer.udp->Send(zstest::Bytes("still here"), IPEndPoint("127.0.0.1", local.GetPort()), nullptr));
+  ASSERT_EQ(0, peer.udp->Send(zstest::Buf("still here"), IPEndPoint("127.0.0.1", local.GetPort()), nullptr));
   ASSERT_TRUE(zstest::WaitUntil([&] {
     for (const auto& r : sink->Recvs())
       if (r.status == 0 && r.data == "still here") return true;
@@ -150,30 +148,32 @@ TEST_F(ClosedPortTest, SocketKeepsReceivingAfterSendingToAClosedPort) {
 TEST_F(ClosedPortTest, ChannelToAClosedPortStaysOpenAndIsAnsweredOnceThePortOpens) {
   RefPtr<IChannel> channel;
   ASSERT_TRUE(CreateUdpChannel(channel, &loop));
-  RefPtr<zstest::ChannelSink> sink;
-  sink.Attach(new zstest::ChannelSink());
+  RefPtr<zstest::Recorder> sink = zstest::NewRecorder();
   channel->SetSink(sink);
   ASSERT_EQ(0, channel->Connect("127.0.0.1", port, nullptr));
-  ASSERT_TRUE(sink->WaitCount("connect:0", 1));
+  ASSERT_TRUE(sink->Wait("connect", 1));
+  EXPECT_EQ(0, sink->Of("connect")[0].status);
 
-  RefPtr<IChannelSendOption> schedule =
-      zstest::Schedule({100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100,
-                        100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100, 100});
+  RefPtr<IChannelSendOption> schedule;
+  ASSERT_TRUE(CreateChannelSendOption(schedule));
+  schedule->SetPacketPerSend(1);
+  for (int i = 0; i < 30; ++i) schedule->AddSendInterval(100);
   unsigned int cookie = 0;
-  ASSERT_EQ(0, channel->Send(zstest::Bytes("ping"), schedule, cookie));
+  ASSERT_EQ(0, channel->Send(zstest::Buf("ping"), schedule, cookie));
   // Two transmissions into the closed port: the second follows the first's
   // unreachable report.
-  ASSERT_TRUE(sink->WaitCount("send:" + std::to_string(cookie), 2));
+  ASSERT_TRUE(sink->Wait("send", 2));
 
   Echo echo(&peerLoop, port);
   ASSERT_EQ(0, echo.opened) << "port " << port << " was taken in the meantime";
-  ASSERT_TRUE(sink->WaitCount("recv:4", 1));
-  EXPECT_EQ("ping", sink->Received().front());
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  EXPECT_EQ("ping", sink->Of("recv")[0].data);
+  for (const auto& e : sink->Of("send")) EXPECT_EQ(cookie, e.cookie);
   int retry = -1, send = -1;
   channel->CancelSend(cookie, &retry, &send);
   EXPECT_GE(send, 3);
-  EXPECT_EQ(0, sink->Count("close"));
-  EXPECT_EQ(0, sink->Count("timeout:"));
+  EXPECT_EQ(0u, sink->Count("close"));
+  EXPECT_EQ(0u, sink->Count("timeout"));
   channel->Close();
 }
 

@@ -1,7 +1,11 @@
 // Parses arbitrary text as an address and checks what the value classes
 // promise about it: the parse either yields a valid value whose text parses
 // back to the same address, or leaves every byte of the block zero.
+#ifdef _WIN32
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
+#endif
 
 #include <cstdint>
 #include <cstdlib>

@@ -132,7 +132,7 @@ TEST(NonLspSocketTest, FallbackChain) {
     std::vector<std::string> creations;
   };
   const Case cases[] = {
-      {true, false, -1, AF_INET6, 100, {"W 10 2 17 null"}},
+      {true, false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
       {false, true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
       {false, true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
       {false, true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},

@@ -3,10 +3,6 @@
 // armed kept for the next one, end of stream as an empty read, cancelling, and
 // sinks that close or release the socket inside OnRecv.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -15,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/raw_tcp_peer.h"
 #include "support/test_support.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/io_loop.h"
@@ -24,43 +21,7 @@ using namespace zelsocket;
 
 namespace {
 
-// One accepted connection on 127.0.0.1, written to and closed by the test.
-class Peer {
- public:
-  Peer() : m_listen(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    m_ok = ::bind(m_listen, reinterpret_cast<sockaddr*>(&a), len) == 0 && ::listen(m_listen, 1) == 0 &&
-           ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len) == 0;
-    m_port = ntohs(a.sin_port);
-  }
-  ~Peer() {
-    if (m_conn >= 0) ::close(m_conn);
-    ::close(m_listen);
-  }
-  IPEndPoint EndPoint() const { return IPEndPoint("127.0.0.1", m_port); }
-  bool Accept() {
-    pollfd p{m_listen, POLLIN, 0};
-    if (!m_ok || ::poll(&p, 1, 5000) != 1) return false;
-    m_conn = ::accept(m_listen, nullptr, nullptr);
-    return m_conn >= 0;
-  }
-  bool Write(const std::string& s) {
-    return ::send(m_conn, s.data(), s.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(s.size());
-  }
-  void Close() {
-    ::close(m_conn);
-    m_conn = -1;
-  }
-
- private:
-  int m_listen;
-  int m_conn = -1;
-  bool m_ok = false;
-  unsigned short m_port = 0;
-};
+using Peer = zstest::RawTcpPeer;
 
 struct Delivery {
   int status;
