@@ -85,8 +85,10 @@ void UvUdpRecv::_RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* b
   // with a count of 0 (Winsock leaves the count of a WSAEMSGSIZE read unset).
   if ((flags & UV_UDP_PARTIAL) && addr && nread >= 0) nread = static_cast<ssize_t>(buf->len);
   if (nread == 0) {
-    // Both "nothing to read" and an empty datagram: neither is delivered.
-    LogInfo(tag::kOp, "UvUdpRecv::_RecvCallback, nread=0");
+    // Both "nothing to read" and an empty datagram: neither is delivered.  Only
+    // the datagram is logged: libuv on Windows reports "nothing to read" after
+    // many a wake-up, which would flood the log.
+    if (addr) LogInfo(tag::kOp, "UvUdpRecv::_RecvCallback, nread=0");
     return;
   }
   UdpRecvCtx* record = self->m_ctx;
