@@ -40,7 +40,15 @@ int ChildProcess::Wait(std::chrono::milliseconds) { return -1; }
 bool ChildProcess::Running() { return false; }
 void ChildProcess::Kill() {}
 static unsigned short FreeUdpPort() { return 0; }
+std::string SigpipeNotDefault(bool) { return "needs SIGPIPE"; }
 #else
+std::string SigpipeNotDefault(bool reset) {
+  struct sigaction action = {};
+  sigaction(SIGPIPE, reset ? &action : nullptr, &action);  // a zeroed action is SIG_DFL
+  sigaction(SIGPIPE, nullptr, &action);
+  return action.sa_handler == SIG_DFL ? "" : "SIGPIPE is not SIG_DFL";
+}
+
 std::string ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
   Kill();
   int out = open((Dir() + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

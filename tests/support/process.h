@@ -62,6 +62,9 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
 std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
 std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name);  // for the A record of `name`
 std::string RunCommand(const std::vector<std::string>& argv);                    // empty on success, else its output
+// Empty while SIGPIPE's action is the default one, which ends the process on a
+// write to a broken pipe; `reset` restores the default first.
+std::string SigpipeNotDefault(bool reset = false);
 
 }  // namespace zstest
 
