@@ -13,6 +13,8 @@
 #include <string>
 #include <thread>
 
+#include "core/platform.h"
+
 namespace zstest {
 
 class EchoPeer {
@@ -32,6 +34,7 @@ class EchoPeer {
   void Run(const char* ip, const std::function<void(Handle*, const sockaddr*)>& setup) {
     std::promise<void> ready;
     m_thread = std::thread([&, ip] {
+      zelsocket::platform::BlockBrokenPipeOnThisThread();  // an echo may meet a closed connection
       uv_loop_init(&m_loop);
       uv_async_init(&m_loop, &m_stop, [](uv_async_t* a) {
         uv_walk(
