@@ -101,9 +101,11 @@ class UdpEchoPeer : public EchoPeer {
   }
 };
 
-// Accepts any number of connections and echoes what each sends.
+// Accepts any number of connections and echoes what each sends, but closes
+// the connection on a read of kHangUp alone.
 class TcpEchoPeer : public EchoPeer {
  public:
+  static constexpr char kHangUp = '\x04';
   explicit TcpEchoPeer(const char* ip = "127.0.0.1") {
     Run<uv_tcp_t>(ip, [this](uv_tcp_t* server, const sockaddr* addr) {
       uv_tcp_init(&m_loop, server);
@@ -115,9 +117,10 @@ class TcpEchoPeer : public EchoPeer {
           return uv_close(reinterpret_cast<uv_handle_t*>(conn), Free);
         ++static_cast<TcpEchoPeer*>(s->data)->m_accepted;
         uv_read_start(reinterpret_cast<uv_stream_t*>(conn), Alloc, [](uv_stream_t* c, ssize_t n, const uv_buf_t* buf) {
-          if (n <= 0) std::free(buf->base);
-          if (n < 0) ++static_cast<TcpEchoPeer*>(c->data)->m_ended, uv_close(reinterpret_cast<uv_handle_t*>(c), Free);
-          if (n <= 0) return;
+          bool end = n < 0 || (n == 1 && buf->base[0] == kHangUp);
+          if (n <= 0 || end) std::free(buf->base);
+          if (end) ++static_cast<TcpEchoPeer*>(c->data)->m_ended, uv_close(reinterpret_cast<uv_handle_t*>(c), Free);
+          if (n <= 0 || end) return;
           auto* req = New<uv_write_t>(buf->base);
           uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
           uv_write(req, c, &out, 1, Written);
