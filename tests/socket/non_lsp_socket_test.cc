@@ -133,21 +133,5 @@ TEST(NonLspSocketTest, FallbackChain) {
   }
 }
 
-#ifdef SO_DOMAIN
-TEST(NonLspSocketTest, NativePlatformGivesDatagramSocketsOfTheFamily) {
-  zstest::LogRecorder log;
-  for (int af : {AF_INET, AF_INET6}) {
-    SocketHandle s = CreateNonLSPSocket(af);
-    ASSERT_NE(s, kInvalidSocket);
-    int type = 0, domain = 0;
-    socklen_t len = sizeof type;
-    ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_TYPE, &type, &len), 0);
-    ASSERT_EQ(getsockopt(s, SOL_SOCKET, SO_DOMAIN, &domain, &len), 0);
-    EXPECT_TRUE(type == SOCK_DGRAM && domain == af);
-    CloseSocketHandle(s);
-  }
-}
-#endif
-
 }  // namespace
 }  // namespace zelsocket
