@@ -141,10 +141,11 @@ TEST_F(TcpTest, CloseSilencesEverythingAndTheSocketCanBeReopened) {
   zstest::TcpEchoPeer peer;
   ASSERT_EQ(tcp->Connect(IPEndPoint("127.0.0.1", peer.Port()), nullptr), 0);
   ASSERT_TRUE(sink->Wait("connect", 1));
+  ASSERT_EQ(tcp->Recv(Buf(), Ctx(3)), 0);  // in libuv when Close comes: nothing to read
+  zstest::Drain(loop);
   loop.SyncCall([&] {
     tcp->Send(Buf(std::string(1048576, 'a')), Ctx(1));
     tcp->Send(Buf("queued"), Ctx(2));
-    tcp->Recv(Buf(), Ctx(3));
     tcp->Recv(Buf(), Ctx(4));
     EXPECT_EQ(tcp->Close(), 0);
   });
