@@ -1,0 +1,460 @@
+// The loop thread, Async, Timer and the pool jobs: what crosses onto the loop
+// and in which order, what is refused, and what a stop or a release leaves.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+
+#include "support/test_support.h"
+#include "zelsocket/async.h"
+#include "zelsocket/io_loop.h"
+#include "zelsocket/sync.h"
+#include "zelsocket/timer.h"
+#include "zelsocket/work.h"
+
+namespace zelsocket {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Trace = std::vector<std::string>;
+
+// Sized once per process, at its first use: a test can then occupy the whole pool.
+constexpr int kPoolSize = 2;
+#ifdef _WIN32
+const int g_poolSizeSet = _putenv_s("UV_THREADPOOL_SIZE", "2");
+#else
+const int g_poolSizeSet = setenv("UV_THREADPOOL_SIZE", "2", 1);
+#endif
+
+// A dropped call is recorded as a null when it is dropped off the loop thread.
+struct Callback : RefCount, IAsyncCallback, IWorkCallback {
+  std::vector<void*> calls, dropped;
+  int AddRef() override { return RefCount::AddRef(); }
+  int Release() override { return RefCount::Release(); }
+  void OnAsyncCall(void* data) override { calls.push_back(data); }
+  void OnAsyncCallDropped(void* data) override { dropped.push_back(IOLoop::CurrentLoop() ? data : nullptr); }
+  void OnWork(void*) override {}
+  void OnAfterWork(int, void* data) override { calls.push_back(data); }
+  void OnWorkDropped(void* data) override { dropped.push_back(data); }
+};
+
+struct Gate {
+  std::promise<void> promise;
+  std::shared_future<void> future = promise.get_future().share();
+};
+
+// Runs `fn` while the loop thread is held in a call, then lets what was posted run.
+void WhileBlocked(IOLoop& loop, const std::function<void()>& fn) {
+  auto blocked = std::make_shared<Semaphore>(), release = std::make_shared<Semaphore>();
+  loop.AsyncCall([blocked, release] { blocked->Post(), release->Wait(); });
+  blocked->Wait();
+  fn();
+  release->Post();
+  loop.SyncCall([] {});
+}
+
+void Settle(IOLoop& loop, int ms) {
+  Semaphore done;
+  loop.DelayCall(ms, [&done] { done.Post(); });
+  done.Wait();
+}
+
+class LoopTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(g_poolSizeSet == 0 && loop.Start() == 0); }
+  void TearDown() override { loop.Stop(); }
+  void Add(const std::string& e) { std::lock_guard<std::mutex> lock(mutex); events.push_back(e); }
+  Trace Events() { std::lock_guard<std::mutex> lock(mutex); return events; }
+  bool WaitEvents(size_t n) { return zstest::WaitUntil([&] { return Events().size() >= n; }); }
+  // A job recording "w<n>" that then waits for `gate`; its report records "a<n>:<status>".
+  template <class W>
+  int Queue(W& work, const std::string& n, std::shared_ptr<Gate> gate = nullptr) {
+    return work.QueueWork([this, n, gate] { Add("w" + n), gate ? gate->future.wait() : void(); },
+                          [this, n](int s) { Add("a" + n + ":" + std::to_string(s)); });
+  }
+  // Holds every pool thread in a job (whose report holds `held`) until the gate opens.
+  std::shared_ptr<Gate> OccupyPool(std::shared_ptr<int> held = nullptr) {
+    auto gate = std::make_shared<Gate>();
+    for (int i = 0; i < kPoolSize; ++i)
+      EXPECT_EQ(pool.QueueWork([=] { ++started, gate->future.wait(); }, [this, held](int) { Add("pool"); }), 0);
+    EXPECT_TRUE(zstest::WaitUntil([&] { return started == kPoolSize; }));
+    return gate;
+  }
+  std::atomic<int> started{0};
+  IOLoop loop;
+  Work pool{&loop};
+  std::mutex mutex;
+  Trace events;
+};
+
+TEST(IOLoop, StartStopCyclesWhichLoopEachThreadSeesAndTheDefaultLoop) {
+  zstest::LogRecorder log;
+  IOLoop loop;
+  EXPECT_EQ(loop.Stop(), -1);
+  for (int cycle = 0; cycle < 2; ++cycle) {
+    ASSERT_TRUE(loop.Start() == 0 && loop.Start() == -1);
+    bool onLoop = false;
+    loop.SyncCall([&] {  // a stop from the loop thread would wait for itself
+      onLoop = loop.IsLoopThread() && IOLoop::CurrentLoop() == &loop && IOLoop::GetLoop() == &loop && loop.Stop() == -1;
+    });
+    EXPECT_TRUE(onLoop && !loop.IsLoopThread() && !IOLoop::CurrentLoop());
+    ASSERT_EQ(loop.Stop(), 0);
+  }
+  EXPECT_TRUE(log.Count("UvLoop.Start, ret=-1") == 2 && log.Count("UvLoop.Stop, ret=-1") == 3);
+  auto racer = std::async(std::launch::async, [] { return IOLoop::GetLoop(); });
+  IOLoop* first = IOLoop::GetLoop();
+  ASSERT_TRUE(first && racer.get() == first);
+  EXPECT_EQ(first->Stop(), 0);  // an application that wants a clean end stops it; the pointer stays
+  EXPECT_EQ(IOLoop::DefaultLoop(), first);
+}
+
+// Every way onto a loop, with arguments that count what reaches them.
+struct Probe {
+  Callback* cb = new Callback();
+  std::atomic<int> ran{0};
+  std::shared_ptr<int> token = std::make_shared<int>();
+  std::function<void()> Fn() { return [this, t = token] { ++ran; }; }
+  std::function<void(int)> After() { return [this, t = token](int) { ++ran; }; }
+};
+using Call = std::pair<const char*, int (*)(IOLoop&, Probe&)>;
+using F = std::function<void()>;
+using A = std::function<void(int)>;
+#define ZS_CALL(expr) Call(#expr, [](IOLoop& l, Probe& p) { return (void)p, expr; })
+const Call kValid[] = {
+    ZS_CALL(l.AsyncCall(p.Fn())), ZS_CALL(l.AsyncCall(p.cb, nullptr)), ZS_CALL(l.SyncCall(p.Fn())),
+    ZS_CALL(l.SyncCall(p.cb, nullptr)), ZS_CALL(l.DelayCall(0, p.Fn())), ZS_CALL(l.DelayCall(0, p.cb, nullptr)),
+    ZS_CALL(l.QueueWork(p.cb, nullptr)), ZS_CALL(Async(&l).AsyncCall(p.Fn())),
+    ZS_CALL(Timer(&l).SetTimeout(0, 0, p.Fn())), ZS_CALL(Work(&l).QueueWork(p.Fn(), p.After())),
+    ZS_CALL(SequenceWork(&l).QueueWork(p.Fn(), p.After()))};
+const Call kInvalid[] = {
+    ZS_CALL(l.AsyncCall(F())), ZS_CALL(l.AsyncCall(nullptr, nullptr)), ZS_CALL(l.SyncCall(F())),
+    ZS_CALL(l.SyncCall(nullptr, nullptr)), ZS_CALL(l.DelayCall(5, F())), ZS_CALL(l.DelayCall(5, nullptr, nullptr)),
+    ZS_CALL(l.QueueWork(nullptr, nullptr)), ZS_CALL(Async(&l).AsyncCall(F())), ZS_CALL(Timer(&l).SetTimeout(5, 0, F())),
+    ZS_CALL(Work(&l).QueueWork(F(), p.After())), ZS_CALL(Work(&l).QueueWork(p.Fn(), A())),
+    ZS_CALL(SequenceWork(&l).QueueWork(F(), p.After())), ZS_CALL(SequenceWork(&l).QueueWork(p.Fn(), A()))};
+
+void ExpectRefused(IOLoop& loop, const Call& call) {
+  Probe probe;
+  EXPECT_EQ(call.second(loop, probe), -1) << call.first;
+  if (loop.Loop()) loop.SyncCall([] {});  // anything wrongly queued has had its turn
+  EXPECT_TRUE(probe.ran == 0 && probe.token.use_count() == 1 && probe.cb->calls.empty()) << call.first;
+  EXPECT_EQ(probe.cb->Release(), 0) << call.first;  // nothing kept a capture or a reference
+}
+
+TEST(IOLoop, RefusesEveryOperationWhenNotRunningAndEmptyFunctionsWhenRunning) {
+  IOLoop never, stopped, running;
+  ASSERT_TRUE(stopped.Start() == 0 && stopped.Stop() == 0 && running.Start() == 0);
+  for (const Call& call : kValid) ExpectRefused(never, call), ExpectRefused(stopped, call);
+  for (const Call& call : kInvalid) ExpectRefused(running, call);
+  running.Stop();
+}
+
+// Each thread's calls run in its order, across AsyncCall and SyncCall; a call
+// posted from the loop thread runs after the current one, never inline.
+TEST_F(LoopTest, PostedCallsRunInEachThreadsOrderAndOnlySyncCallRunsInline) {
+  auto* cb = new Callback();
+  std::vector<std::vector<int>> seen(3);  // loop thread only
+  std::vector<std::thread> posters;
+  for (auto& mine : seen)
+    posters.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) (i % 7 ? loop.AsyncCall(F([&mine, i] { mine.push_back(i); })) : loop.SyncCall([&mine, i] { mine.push_back(i); }));
+      loop.AsyncCall(cb, &mine);
+    });
+  for (auto& t : posters) t.join();
+  loop.SyncCall([] {});
+  for (auto& mine : seen) EXPECT_TRUE(mine.size() == 2000u && std::is_sorted(mine.begin(), mine.end()));
+  EXPECT_TRUE(cb->calls.size() == 3u && cb->Release() == 0);  // the queued calls gave their references back
+  Trace trace;
+  loop.SyncCall([&] {
+    loop.AsyncCall([&] { trace.push_back("posted"), loop.AsyncCall([&] { trace.push_back("posted2"); }); });
+    loop.SyncCall([&] { trace.push_back("sync"); });
+    trace.push_back("end");
+  });
+  loop.SyncCall([] {}), loop.SyncCall([] {});  // the first after "posted", the second after "posted2"
+  EXPECT_EQ(trace, (Trace{"sync", "end", "posted", "posted2"}));
+}
+
+// A repeating timer with a negative interval fires once, like a one-shot.
+TEST_F(LoopTest, DelayedCallsAndTimersRunInDueOrderNeverEarly) {
+  Trace order;
+  Semaphore last;
+  Timer t60(&loop), t120(&loop);
+  Clock::time_point start, at[3];
+  loop.SyncCall([&] {  // armed in one go, so that their due times share a start
+    start = Clock::now();
+    loop.DelayCall(150, [&] { order.push_back("call150"), at[2] = Clock::now(), last.Post(); });
+    t120.SetTimeout(120, -5, [&] { order.push_back("timer120"), at[1] = Clock::now(); });
+    loop.DelayCall(90, [&] { order.push_back("call90"); });
+    t60.SetTimeout(60, 0, [&] { order.push_back(t60.IsRunning() ? "running" : "timer60"), at[0] = Clock::now(); });
+    loop.DelayCall(30, [&] { order.push_back("call30"); });
+  });
+  last.Wait();
+  Settle(loop, 50);
+  EXPECT_EQ(order, (Trace{"call30", "timer60", "call90", "timer120", "call150"}));
+  const int due[] = {60, 120, 150};
+  for (int i = 0; i < 3; ++i) EXPECT_GE(at[i] - start, std::chrono::milliseconds(due[i]));
+  EXPECT_FALSE(t60.IsRunning() || t120.IsRunning());
+}
+
+int PendingCount(const zstest::LogRecorder& log, const std::string& what) {
+  for (int n = 0; n < 10000; ++n)
+    if (log.Count("IOLoopImpl::_AsyncStop, pending-" + what + "=" + std::to_string(n))) return n;
+  return -1;
+}
+
+// Dropped without running: captures and references let go on the loop thread,
+// callbacks told, a waiting SyncCall returns, and the log counts what there was.
+TEST(IOLoopStop, DropsWhatIsQueuedAndReleasesIt) {
+  zstest::LogRecorder log;
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  auto* cb = new Callback();
+  auto token = std::make_shared<int>();
+  std::atomic<int> ran{0};
+  int tag[3], accepted = 0;
+  std::future<int> waiter;
+  std::thread stopper;
+  {
+    Async async(&loop);
+    WhileBlocked(loop, [&] {
+      loop.AsyncCall([&ran, token] { ++ran; });
+      for (int& t : tag) loop.AsyncCall(cb, &t);
+      async.AsyncCall([&ran, token] { ++ran; });
+      loop.DelayCall(60000, [&ran, token] { ++ran; });
+      loop.DelayCall(60000, cb, &tag[0]);
+      waiter = std::async(std::launch::async, [&] { return loop.SyncCall([&ran, token] { ++ran; }); });
+      stopper = std::thread([&] { EXPECT_EQ(loop.Stop(), 0); });
+      // A stop that has begun refuses new calls; probes accepted before that stay queued.
+      EXPECT_TRUE(zstest::WaitUntil([&] { return loop.AsyncCall([] {}) == -1 || (++accepted, false); }));
+    });
+    stopper.join();
+    EXPECT_EQ(waiter.get(), -1);  // dropped, or refused if it came after the stop began
+  }
+  int pending = PendingCount(log, "async-call");
+  EXPECT_TRUE(pending == 5 + accepted || pending == 6 + accepted) << pending;
+  EXPECT_TRUE(PendingCount(log, "delay-async-call") == 2 && PendingCount(log, "work") == 0);
+  EXPECT_TRUE(ran == 0 && token.use_count() == 1 && cb->calls.empty());
+  EXPECT_EQ(cb->dropped, (std::vector<void*>{&tag[0], &tag[1], &tag[2], &tag[0]}));
+  EXPECT_EQ(cb->Release(), 0);
+  ASSERT_EQ(loop.Start(), 0);  // the queues start empty and work as before
+  EXPECT_EQ(loop.SyncCall([&] { ++ran; }), 0);
+  EXPECT_EQ(ran.load(), 1);
+  loop.Stop();
+}
+
+// Every SyncCall that returned 0 ran; every capture and reference is let go.
+TEST(IOLoopStop, PostersRaceStopAndRestart) {
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  auto* cb = new Callback();
+  auto token = std::make_shared<int>();
+  std::atomic<bool> done{false};
+  std::atomic<long> syncOk{0}, syncRan{0}, asyncOk{0}, asyncRan{0};
+  std::vector<std::thread> posters;
+  for (int t = 0; t < 3; ++t) {
+    posters.emplace_back([&, t] {
+      for (int i = t; !done; ++i) {
+        bool ran = false;
+        if (i % 4 == 0) syncOk += loop.SyncCall([&ran, token] { ran = true; }) == 0, syncRan += ran;
+        if (i % 4 == 1) asyncOk += loop.AsyncCall([&asyncRan, token] { ++asyncRan; }) == 0;
+        if (i % 4 == 2) asyncOk += loop.DelayCall(i % 7, [&asyncRan, token] { ++asyncRan; }) == 0;
+        if (i % 4 == 3) loop.AsyncCall(cb, nullptr);
+      }
+    });
+  }
+  for (int cycle = 0; cycle < 20; ++cycle) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));  // pacing only: let the posters run
+    EXPECT_TRUE(loop.Stop() == 0 && loop.Start() == 0);
+  }
+  done = true;
+  for (auto& t : posters) t.join();
+  loop.Stop();
+  EXPECT_TRUE(syncOk == syncRan && asyncRan <= asyncOk && syncOk + asyncOk > 0);
+  EXPECT_TRUE(token.use_count() == 1 && cb->Release() == 0);
+}
+
+#if !defined(NDEBUG) || defined(ZELSOCKET_ENABLE_DCHECK)
+// A loop destroyed while its thread runs would leave that thread on freed state.
+TEST(IOLoopDeathTest, DestroyingARunningLoopAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(delete ([] { auto* l = new IOLoop(); return (l->Start(), l); }()), "check failed");
+}
+#endif
+
+TEST_F(LoopTest, AsyncCancelledOrDestroyedAnywhere) {
+  auto* async = new Async(&loop);
+  auto token = std::make_shared<int>();
+  WhileBlocked(loop, [&] {
+    for (int i = 0; i < 3; ++i) async->AsyncCall([this, token] { Add("cancelled"); });
+    async->Cancel();
+    async->AsyncCall([&] { Add("0"), async->Cancel(), async->AsyncCall([&] { Add("1"); }); });
+    async->AsyncCall([&] { Add("cancelled inside"); });
+  });
+  loop.SyncCall([] {});
+  EXPECT_TRUE(Events() == (Trace{"0", "1"}) && token.use_count() == 1);
+  std::atomic<int> ran{0}, posted{0};
+  std::thread poster([&] {
+    for (; posted < 4000; ++posted) EXPECT_EQ(async->AsyncCall([&ran] { ++ran; }), 0);
+  });
+  while (posted < 4000) async->Cancel(), std::this_thread::yield();
+  poster.join();
+  loop.SyncCall([] {});
+  int before = ran;
+  WhileBlocked(loop, [&] {
+    for (int i = 0; i < 50; ++i) async->AsyncCall([&ran, token] { ++ran; });
+    std::thread([async] { delete async; }).join();
+  });
+  EXPECT_TRUE(ran == before && before <= 4000 && token.use_count() == 1);
+}
+
+TEST_F(LoopTest, TimerReplacedCancelledOrDestroyedAnywhere) {
+  Timer replaced(&loop), cancelled(&loop), repeating(&loop);
+  std::atomic<int> fired{0}, ticks{0};
+  auto token = std::make_shared<int>();
+  bool runningInside = false;
+  replaced.SetTimeout(30, 0, [&] { fired += 1000; });
+  replaced.SetTimeout(150, 0, [&] { ++fired; });  // the call due at 30 must not run it early
+  cancelled.SetTimeout(30, 0, [&] { fired += 1000; });
+  cancelled.Cancel();
+  EXPECT_FALSE(cancelled.IsRunning());
+  repeating.SetTimeout(0, 20, [&] { runningInside = repeating.IsRunning(), ++ticks == 3 ? repeating.Cancel() : void(); });
+  auto* self = new Timer(&loop);
+  self->SetTimeout(0, 50, [self, token, &fired] {
+    delete self;  // the running copy of this function survives
+    fired += token.use_count() == 2 ? 10 : 1000;
+  });
+  WhileBlocked(loop, [&] {  // none of these can come due before its deletion
+    for (int i = 0; i < 50; ++i) {
+      auto* timer = new Timer(&loop);
+      timer->SetTimeout(0, 0, [&fired] { fired += 1000; });
+      std::thread([timer] { delete timer; }).join();
+    }
+  });
+  Settle(loop, 100);
+  EXPECT_EQ(fired.load(), 10);
+  Settle(loop, 100);
+  EXPECT_TRUE(fired == 11 && ticks == 3 && runningInside && !repeating.IsRunning() && token.use_count() == 1);
+}
+
+TEST_F(LoopTest, JobsRunOnThePoolReportOnTheLoopThreadAndWorkCancelSilencesThem) {
+  auto* cb = new Callback();
+  int tag = 0, fromLoop = -1;
+  ASSERT_EQ(loop.QueueWork(cb, &tag), 0);
+  loop.SyncCall([&] { fromLoop = loop.QueueWork(cb, &tag); });
+  auto job = [&] { Add(loop.IsLoopThread() ? "!" : "w"); };
+  ASSERT_EQ(pool.QueueWork(job, [&](int) { Add(loop.IsLoopThread() ? "a" : "!"); }), 0);
+  size_t reports = 0;
+  ASSERT_TRUE(WaitEvents(2) && zstest::WaitUntil([&] { return loop.SyncCall([&] { reports = cb->calls.size(); }), reports == 2; }));
+  EXPECT_TRUE(fromLoop == 0 && cb->calls == (std::vector<void*>{&tag, &tag}) && Events() == (Trace{"w", "a"}));
+  Work work(&loop);
+  auto gate = OccupyPool();
+  ASSERT_EQ(Queue(work, "1"), 0);  // behind the blockers: cannot start before Cancel
+  work.Cancel();
+  gate->promise.set_value();
+  Gate running;
+  std::atomic<bool> finished{false};
+  ASSERT_EQ(work.QueueWork([&] { Add("w2"), running.future.wait(), finished = true; }, [&](int) { Add("a2"); }), 0);
+  ASSERT_TRUE(WaitEvents(5));
+  work.Cancel();  // while it runs: it finishes, but does not report
+  running.promise.set_value();
+  ASSERT_TRUE(zstest::WaitUntil([&] { return finished.load(); }));  // any report of it comes before the next
+  ASSERT_TRUE(Queue(work, "3") == 0 && WaitEvents(7));
+  Trace e = Events();
+  std::sort(e.begin() + 2, e.end() - 2);  // the blockers report while job 2 starts
+  EXPECT_EQ(e, (Trace{"w", "a", "pool", "pool", "w2", "w3", "a3:0"}));
+  loop.Stop();
+  EXPECT_EQ(cb->Release(), 0);
+}
+
+// A requeue from a report goes to the tail; Cancel drops the waiting jobs at once and
+// silences the running one; inside a report it ends the chain, and a new one may start.
+TEST_F(LoopTest, SequenceWorkRunsStrictlyInOrderAndCancelEndsTheChain) {
+  SequenceWork seq(&loop);
+  std::atomic<int> running{0};
+  for (int i = 1; i <= 4; ++i) {
+    std::string n = std::to_string(i);
+    ASSERT_EQ(seq.QueueWork([&, n] { Add(++running > 1 ? "overlap" : "w" + n), --running; },
+                            [&, n](int) { Add("a" + n), n == "2" ? (void)Queue(seq, "5") : void(); }),
+              0);
+  }
+  ASSERT_TRUE(WaitEvents(10));
+  EXPECT_EQ(Events(), (Trace{"w1", "a1", "w2", "a2", "w3", "a3", "w4", "a4", "w5", "a5:0"}));
+  events.clear();
+  auto gate = std::make_shared<Gate>();
+  auto held = std::make_shared<int>();
+  ASSERT_EQ(Queue(seq, "1", gate), 0);
+  ASSERT_TRUE(WaitEvents(1));
+  ASSERT_EQ(seq.QueueWork([held] {}, [held](int) {}), 0);
+  seq.Cancel();  // job 1 runs on but does not report
+  EXPECT_EQ(held.use_count(), 1);
+  ASSERT_EQ(Queue(seq, "2"), 0);
+  std::promise<void> cancelled;
+  ASSERT_EQ(seq.QueueWork([] {}, [&](int) { seq.Cancel(), cancelled.set_value(); }), 0);
+  ASSERT_EQ(Queue(seq, "3"), 0);
+  gate->promise.set_value();
+  cancelled.get_future().wait();
+  ASSERT_EQ(Queue(seq, "4"), 0);
+  ASSERT_TRUE(WaitEvents(5));
+  EXPECT_EQ(Events(), (Trace{"w1", "w2", "a2:0", "w4", "a4:0"}));
+}
+
+// A sequence whose loop stops during a report hands every waiting job -1.
+TEST_F(LoopTest, WorkDestroyedOrStoppedUnderItsJobs) {
+  auto gate = std::make_shared<Gate>();
+  auto held = std::make_shared<int>();
+  {  // destroyed with jobs in flight: neither waits nor reports
+    Work work(&loop);
+    SequenceWork seq(&loop);
+    ASSERT_EQ(work.QueueWork([gate, held] { gate->future.wait(); }, [&, held](int) { Add("a"); }), 0);
+    ASSERT_EQ(seq.QueueWork([gate, held] { gate->future.wait(); }, [&, held](int) { Add("a"); }), 0);
+    ASSERT_EQ(seq.QueueWork([held] {}, [&, held](int) { Add("a"); }), 0);
+  }
+  gate->promise.set_value();
+  ASSERT_TRUE(zstest::WaitUntil([&] { return held.use_count() == 1; }));  // released on the loop thread
+  SequenceWork seq(&loop);
+  gate = std::make_shared<Gate>();
+  std::promise<void> inReport;
+  ASSERT_EQ(seq.QueueWork([gate] { gate->future.wait(); },
+                          [&](int) {  // held until the stop has begun to refuse new work
+                            inReport.set_value();
+                            EXPECT_TRUE(zstest::WaitUntil([&] { return loop.AsyncCall([] {}) == -1; }));
+                          }),
+            0);
+  ASSERT_TRUE(Queue(seq, "2") == 0 && Queue(seq, "3") == 0);
+  gate->promise.set_value();
+  inReport.get_future().wait();
+  ASSERT_EQ(loop.Stop(), 0);
+  EXPECT_EQ(Events(), (Trace{"a2:-1", "a3:-1"}));
+  EXPECT_EQ(seq.QueueWork([] {}, [](int) {}), -1);  // idle, not parked
+}
+
+// A stop does not wait for stuck jobs; their records, with what they hold, come back when they end.
+TEST_F(LoopTest, StopLeavesStuckJobsDropsEveryReportAndReleasesEverything) {
+  auto* cb = new Callback();
+  auto running = std::make_shared<int>(), held = std::make_shared<int>();
+  auto gate = OccupyPool(running);
+  Work work(&loop);
+  SequenceWork seq(&loop);
+  ASSERT_EQ(loop.QueueWork(cb, nullptr), 0);
+  ASSERT_EQ(work.QueueWork([&, held] { Add("w"); }, [&, held](int) { Add("a"); }), 0);
+  ASSERT_EQ(seq.QueueWork([&, held] { Add("w"); }, [&, held](int) { Add("a"); }), 0);
+  std::atomic<bool> stopped{false}, opened{false};
+  std::thread opener([&] {  // lets the jobs go in any case, so that a failing run still ends
+    zstest::WaitUntil([&] { return stopped.load(); }, std::chrono::seconds(10));
+    opened = true;
+    gate->promise.set_value();
+  });
+  ASSERT_EQ(loop.Stop(), 0);
+  stopped = true;
+  EXPECT_FALSE(opened.load()) << "Stop waited for a running job";
+  opener.join();
+  EXPECT_TRUE(zstest::WaitUntil([&] { return running.use_count() == 1 && held.use_count() == 1; }));
+  EXPECT_TRUE(Events().empty() && cb->calls.empty());
+  EXPECT_EQ(cb->dropped.size(), 1u);
+  EXPECT_EQ(cb->Release(), 0);
+  EXPECT_EQ(seq.QueueWork([] {}, [](int) {}), -1);  // not stuck waiting for ever
+}
+
+}  // namespace
+}  // namespace zelsocket
