@@ -158,7 +158,10 @@ TEST_F(LoopTest, PostedCallsRunInEachThreadsOrderAndOnlySyncCallRunsInline) {
   std::vector<std::thread> posters;
   for (auto& mine : seen)
     posters.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i) (i % 7 ? loop.AsyncCall(F([&mine, i] { mine.push_back(i); })) : loop.SyncCall([&mine, i] { mine.push_back(i); }));
+      for (int i = 0; i < 2000; ++i) {
+        F push = [&mine, i] { mine.push_back(i); };
+        i % 7 ? loop.AsyncCall(push) : loop.SyncCall(push);
+      }
       loop.AsyncCall(cb, &mine);
     });
   for (auto& t : posters) t.join();
@@ -344,7 +347,8 @@ TEST_F(LoopTest, JobsRunOnThePoolReportOnTheLoopThreadAndWorkCancelSilencesThem)
   auto job = [&] { Add(loop.IsLoopThread() ? "!" : "w"); };
   ASSERT_EQ(pool.QueueWork(job, [&](int) { Add(loop.IsLoopThread() ? "a" : "!"); }), 0);
   size_t reports = 0;
-  ASSERT_TRUE(WaitEvents(2) && zstest::WaitUntil([&] { return loop.SyncCall([&] { reports = cb->calls.size(); }), reports == 2; }));
+  ASSERT_TRUE(WaitEvents(2));
+  ASSERT_TRUE(zstest::WaitUntil([&] { return loop.SyncCall([&] { reports = cb->calls.size(); }), reports == 2; }));
   EXPECT_TRUE(fromLoop == 0 && cb->calls == (std::vector<void*>{&tag, &tag}) && Events() == (Trace{"w", "a"}));
   Work work(&loop);
   auto gate = OccupyPool();
