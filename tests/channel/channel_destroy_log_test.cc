@@ -31,4 +31,16 @@ TEST(ChannelDestroyLogTest, DestructorLogsCloseBeforeClosingTheSocket) {
   EXPECT_EQ(0, loop.Stop());
 }
 
+// The wrapper owns its channel: once it goes, so does the channel (on the
+// default loop, whose thread outlives the test).
+TEST(ChannelDestroyLogTest, WrapperReleasesItsChannel) {
+  zstest::LogRecorder log;
+  { UdpChannel channel; }
+  EXPECT_TRUE(zstest::WaitUntil([&] {
+    for (const auto& line : log.Lines())
+      if (line.message == "UdpChannelImpl::_Close") return true;
+    return false;
+  }));
+}
+
 }  // namespace
