@@ -78,12 +78,12 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
                     Entry(*BaseProviderId(AF_INET), 1003, AF_INET), Entry(*BaseProviderId(AF_INET6), 1004, AF_INET6)};
   fake.demands = {9000, 20000};
   NonLspSocketFactory factory(fake);
-  EXPECT_EQ(factory.CreateNonLSPSocket(AF_INET), 100);
+  EXPECT_EQ(factory.CreateNonLSPSocket(AF_INET), SocketHandle(100));
   EXPECT_EQ(fake.offered, (std::vector<EnumLength>{8192, 9000, 20000}));
   const ProtocolInfoW* info6 = factory._GetProviderInfo(AF_INET6);
   ASSERT_NE(info6, nullptr);
   EXPECT_EQ(info6->dwCatalogEntryId, 1004u);  // the IPv4 base id does not count for IPv6
-  EXPECT_EQ(factory.CreateNonLSPSocket(AF_INET), 100);
+  EXPECT_EQ(factory.CreateNonLSPSocket(AF_INET), SocketHandle(100));
   EXPECT_EQ(fake.walks.load(), 3 + 1);  // found once per family, never again
   EXPECT_EQ(fake.creations, (std::vector<std::string>{"W 2 2 17 entry=1003", "W 2 2 17 entry=1003"}));
   // The log line that support relies on names the entry and the provider.
