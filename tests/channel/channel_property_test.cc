@@ -11,7 +11,6 @@
 
 #include "channel/fake_udp.h"
 #include "channel/udp_channel_impl.h"
-#include "support/test_support.h"
 
 namespace zelsocket {
 namespace {
@@ -93,7 +92,7 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
       size_t op = pick(100);
       if (op < 15) {  // Send from this thread: the hop runs before any later call of it
         unsigned int cookie = 0;
-        if (channel->Send(zstest::Bytes("q"), schedules[pick(3) == 0], cookie) == 0)
+        if (channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0)
           loop.SyncCall([&] { model->packets[cookie]; });
       } else if (op >= 93) {
         int before = 0;
@@ -113,7 +112,7 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
         RefPtr<FakeUdp> socket = model->connected ? model->socket : nullptr;
         if (op < 30) {
           unsigned int cookie = 0;
-          if (channel->Send(zstest::Bytes("q"), schedules[pick(3) == 0], cookie) == 0) model->packets[cookie];
+          if (channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) model->packets[cookie];
         } else if (op < 45) {  // CancelSend of a pending, an ended or an unknown cookie
           unsigned int cookie = !pending.empty() && pick(4) ? pending[pick(pending.size())]
                                 : model->packets.empty()    ? 987654321u

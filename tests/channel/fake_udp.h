@@ -8,20 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "zelsocket/buffer.h"
+#include "support/recorder.h"
 #include "zelsocket/channel_option.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/udp.h"
 
 namespace zstest {
 using namespace zelsocket;
-
-inline RefPtr<IConstBuffer> Bytes(const std::string& text) {
-  RefPtr<IMutableBuffer> b;
-  CreateBuffer(b);
-  b->CopyFrom(text.data(), static_cast<int>(text.size()));
-  return RefPtr<IConstBuffer>(b.Get());
-}
 
 // One datagram per due entry, with these waits in milliseconds.
 inline RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {

@@ -9,12 +9,10 @@
 #include "channel/fake_udp.h"
 #include "support/peers.h"
 #include "support/process.h"
-#include "support/recorder.h"
 
 namespace zelsocket {
 namespace {
 
-using zstest::Bytes;
 using zstest::Schedule;
 
 class ChannelE2ETest : public ::testing::Test {
@@ -34,7 +32,7 @@ class ChannelE2ETest : public ::testing::Test {
   }
   // From the loop thread, so that the cookie is known before any answer.
   void SendFromLoop(const std::string& data, IChannelSendOption* option) {
-    loop.SyncCall([&] { EXPECT_EQ(0, channel->Send(Bytes(data), option, cookie)); });
+    loop.SyncCall([&] { EXPECT_EQ(0, channel->Send(zstest::Buf(data), option, cookie)); });
   }
 
   zstest::LogRecorder log;
@@ -93,7 +91,7 @@ TEST_F(ChannelE2ETest, ReleaseOnAnotherThreadWhileTrafficFlows) {
     c->SetSink(s);
     ASSERT_EQ(0, c->Connect("127.0.0.1", echo.Port(), nullptr));
     ASSERT_TRUE(s->Wait("connect", 1));
-    for (int i = 0; i < 20; ++i) ASSERT_EQ(0, c->Send(Bytes("abcd"), o, cookie));
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(0, c->Send(zstest::Buf("abcd"), o, cookie));
     ASSERT_TRUE(round % 2 == 0 || s->Wait("recv", 1));
     c = nullptr;  // posted sends may hold it a little longer; once they have run, it is gone and silent
     zstest::Drain(loop);
