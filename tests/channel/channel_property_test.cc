@@ -15,8 +15,6 @@
 namespace zelsocket {
 namespace {
 
-using zstest::FakeUdp;
-
 class Model : public IChannelSink, public RefCountBase {
  public:
   int AddRef() override { return InternalAddRef(); }
@@ -24,49 +22,39 @@ class Model : public IChannelSink, public RefCountBase {
   void OnConnect(int status) override { ++stats["connect"], connected = status == 0; }
   void OnSend(unsigned int cookie, IConstBuffer*, const IPEndPoint&) override {
     ++stats["send"];
-    auto it = packets.find(cookie);
-    if (it == packets.end() || (it->second.ended && !it->second.inSocketAtEnd.count(completing)))
+    if (!pending.count(cookie) && !(ended.count(cookie) && ended[cookie].count(completing)))
       Fail("OnSend after the end, or of a cookie never accepted", cookie);
   }
   void OnRecv(unsigned char*, int, const IPEndPoint&) override { ++stats["recv"]; }
   void OnTimeout(unsigned int cookie, int) override {
     ++stats["timeout"];
-    auto it = packets.find(cookie);
-    if (it == packets.end() || it->second.ended) return Fail("OnTimeout after the end", cookie);
+    if (!pending.count(cookie)) return Fail("OnTimeout of a packet not pending", cookie);
     End(cookie);
   }
   void OnClose() override {
     ++stats["close"];
     connected = false;
-    if (!expectingClose) Fail("OnClose without a socket failure", 0);
-    if (!Pending().empty()) Fail("pending at OnClose", Pending()[0]);
+    if (!expectingClose || !pending.empty()) Fail("OnClose without a socket failure, or before a timeout", 0);
   }
-
+  void Accept(unsigned int cookie) {
+    if (!pending.insert(cookie).second || ended.count(cookie)) Fail("cookie given twice", cookie);
+  }
   void End(unsigned int cookie) {
-    Packet& p = packets[cookie];
-    p.ended = true;
+    pending.erase(cookie);
+    std::set<size_t>& inSocket = ended[cookie];  // its datagrams the socket still held
     for (size_t i = socket ? socket->reported : 0; socket && i < socket->sent.size(); ++i)
-      if (socket->sent[i].ctx == reinterpret_cast<void*>(static_cast<uintptr_t>(cookie))) p.inSocketAtEnd.insert(i);
+      if (socket->sent[i].ctx == reinterpret_cast<void*>(static_cast<uintptr_t>(cookie))) inSocket.insert(i);
   }
   void EndAll() {
-    for (unsigned int c : Pending()) End(c);
-  }
-  std::vector<unsigned int> Pending() const {
-    std::vector<unsigned int> out;
-    for (auto& [cookie, p] : packets)
-      if (!p.ended) out.push_back(cookie);
-    return out;
+    for (unsigned int c : std::set<unsigned int>(pending)) End(c);
   }
   void Fail(const std::string& what, unsigned int cookie) { failures.push_back(what + " " + std::to_string(cookie)); }
 
-  struct Packet {
-    bool ended = false;
-    std::set<size_t> inSocketAtEnd;  // datagrams of this cookie the socket held at its end
-  };
-  std::map<unsigned int, Packet> packets;
+  std::set<unsigned int> pending;
+  std::map<unsigned int, std::set<size_t>> ended;
   std::vector<std::string> failures;
   std::map<std::string, int> stats;
-  RefPtr<FakeUdp> socket;
+  RefPtr<zstest::FakeUdp> socket;
   size_t completing = 0;  // index of the datagram whose report is being delivered
   bool connected = false, expectingClose = false;
 };
@@ -90,34 +78,27 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
     channel->SetSink(model);
     for (int step = 0; step < 120; ++step) {
       size_t op = pick(100);
-      if (op < 15) {  // Send from this thread: the hop runs before any later call of it
-        unsigned int cookie = 0;
-        if (channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0)
-          loop.SyncCall([&] { model->packets[cookie]; });
-      } else if (op >= 93) {
-        int before = 0;
-        bool connected = false;
-        loop.SyncCall([&] { before = model->stats["connect"], connected = model->connected; });
-        if (connected) continue;
-        channel->Connect("127.0.0.1", 9, nullptr);
+      unsigned int cookie = 0;
+      bool connected = false;
+      if (op < 15 && channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) {
+        loop.SyncCall([&] { model->Accept(cookie); });  // the hop ran before this later call
+      } else if (op >= 93) {  // Connect when idle, and wait for OnConnect
+        loop.SyncCall([&] { connected = model->connected || channel->Connect("127.0.0.1", 9, nullptr) != 0; });
         zstest::WaitUntil([&] {
-          int n = 0;
-          loop.SyncCall([&] { n = model->stats["connect"]; });
-          return n > before;
+          loop.SyncCall([&] { connected = model->connected; });
+          return connected;
         });
         loop.SyncCall([&] { model->socket = zstest::FakeUdpFactory::made.back(); });
       }
       loop.SyncCall([&] {
-        auto pending = model->Pending();
-        RefPtr<FakeUdp> socket = model->connected ? model->socket : nullptr;
-        if (op < 30) {
-          unsigned int cookie = 0;
-          if (channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) model->packets[cookie];
+        RefPtr<zstest::FakeUdp> socket = model->connected ? model->socket : nullptr;
+        if (op < 30) {  // from the loop thread this time
+          if (op >= 15 && channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) model->Accept(cookie);
         } else if (op < 45) {  // CancelSend of a pending, an ended or an unknown cookie
-          unsigned int cookie = !pending.empty() && pick(4) ? pending[pick(pending.size())]
-                                : model->packets.empty()    ? 987654321u
-                                                            : model->packets.begin()->first;
-          bool wasPending = model->packets.count(cookie) && !model->packets[cookie].ended;
+          cookie = !model->pending.empty() && pick(4) ? *std::next(model->pending.begin(), pick(model->pending.size()))
+                   : model->ended.empty()             ? 987654321u
+                                                      : model->ended.begin()->first;
+          bool wasPending = model->pending.count(cookie);
           int retry = -1, send = -1;
           channel->CancelSend(cookie, &retry, &send);
           if (wasPending) model->End(cookie);
@@ -127,7 +108,7 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
           model->EndAll();
         } else if (op < 58) {
           channel->ForceAllTimeout();  // each pending packet: OnTimeout, inside this call
-          if (!model->Pending().empty()) model->Fail("pending after ForceAllTimeout", 0);
+          if (!model->pending.empty()) model->Fail("pending after ForceAllTimeout", 0);
         } else if (op < 63) {
           channel->Close();
           model->EndAll();
@@ -147,9 +128,9 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
     loop.SyncCall([&] {
       channel->ForceAllTimeout();
       channel->Close();
-      if (!model->Pending().empty()) model->Fail("never ended", model->Pending()[0]);
+      if (!model->pending.empty()) model->Fail("never ended", *model->pending.begin());
       for (auto& [k, n] : model->stats) total[k] += n;
-      total["accepted"] += static_cast<int>(model->packets.size());
+      total["accepted"] += static_cast<int>(model->ended.size());
       zstest::FakeUdpFactory::made.clear();
       model->socket = nullptr;
     });
