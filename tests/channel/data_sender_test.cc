@@ -1,7 +1,7 @@
 // The retransmission engine on a real loop.  The fuzz target checks each
 // packet's counts against a model; these check what it does not see: the
-// default timeline and its log line, the order of a resume and of a forced
-// timeout, and the pass posted after a timeout.
+// default timeline and its log line, the order of a forced timeout, and the
+// pass posted after a timeout.
 #include "channel/data_sender.h"
 
 #include <gtest/gtest.h>
@@ -27,9 +27,7 @@ class Sender : public DataSender, public IDataSenderSink {
     m_dest = IPEndPoint("127.0.0.1", 4000);
   }
   int SendData(Packet* packet) override { return sent.push_back(packet->cookie), 0; }
-  void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
-    timeouts.emplace_back(cookie, retry, send);
-  }
+  void OnPacketTimeout(unsigned int cookie, int retry, int send) override { timeouts.emplace_back(cookie, retry, send); }
   std::vector<unsigned> sent;
   std::vector<Timeout> timeouts;
 };
@@ -99,29 +97,6 @@ TEST_F(DataSenderTest, ASecondExpiryComesFromThePassPostedByTheFirst) {
   OnLoop([&] { next = sender->timeouts.size(); });  // queued behind the posted pass
   EXPECT_EQ(inPass, 1u);
   EXPECT_EQ(next, 2u);
-}
-
-TEST_F(DataSenderTest, ResumeSendsEachLivePacketOnceInDueOrder) {
-  OnLoop([&] { sender->m_paused = true; });
-  RefPtr<IChannelSendOption> slow = zstest::Schedule({300, 300}), fast = zstest::Schedule({100, 300});
-  ASSERT_TRUE(Send(1, slow) && Send(2, fast) && Send(3, slow));
-  int s, r;
-  OnLoop([&] { sender->CancelPacket(3, &s, &r); });
-  AdvanceAndPass(100);  // packet 2 uses up its first interval while paused: due again at 400
-  g_tick += 50;
-  OnLoop([&] {
-    sender->m_paused = false;
-    sender->_ResendAllPacketsWhenResumeFromPause();
-  });
-  EXPECT_EQ(sender->sent, (std::vector<unsigned>{1, 2}));  // due 300, then due 400
-  AdvanceAndPass(299);                                     // the running interval restarts from the resume
-  EXPECT_EQ(sender->sent.size(), 2u);
-  AdvanceAndPass(1);
-  EXPECT_EQ(sender->sent, (std::vector<unsigned>{1, 2, 1}));
-  EXPECT_EQ(sender->timeouts, (std::vector<Timeout>{{2, 2, 1}}));
-  EXPECT_FALSE(Send(8, nullptr));
-  OnLoop([&] { sender.reset(); });  // packet 1 is still live: dropped without a report
-  EXPECT_EQ(log.CountPrefix("cancel, cookie=1,"), 1);
 }
 
 // Cookies are keyed as signed 32-bit values: past 2^31 they sort first.
