@@ -4,14 +4,9 @@
 #define ZELSOCKET_TESTS_CHANNEL_FAKE_UDP_H
 
 #include <initializer_list>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "support/recorder.h"
 #include "zelsocket/channel_option.h"
-#include "zelsocket/io_loop.h"
-#include "zelsocket/udp.h"
 
 namespace zstest {
 using namespace zelsocket;
@@ -37,9 +32,8 @@ class FakeUdp : public IUdp, public RefCountBase {
   void SetSink(IUdpSink* s) override { sink = s; }
   int Open(const UdpOpenOptions& options) override {
     openPorts.push_back(options.bindAddress.GetPort());
-    int rc = openResults.size() >= openPorts.size() ? openResults[openPorts.size() - 1] : 0;
-    open = rc == 0;
-    return rc;
+    open = openResults.size() < openPorts.size() || openResults[openPorts.size() - 1] == 0;
+    return open ? 0 : openResults[openPorts.size() - 1];
   }
   int Open(const IPEndPoint& address) override {
     UdpOpenOptions options;
@@ -47,20 +41,12 @@ class FakeUdp : public IUdp, public RefCountBase {
     return Open(options);
   }
   int Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) override {
-    sent.push_back(Datagram{buffer, dest, ctx});
-    return 0;
+    return sent.push_back(Datagram{buffer, dest, ctx}), 0;
   }
   int Recv(IMutableBuffer*, void*) override { return -1; }
-  int StartRecv(IMutableBuffer* buffer, void*) override {
-    recvBuffer = buffer;
-    return startRecvResult;
-  }
+  int StartRecv(IMutableBuffer* buffer, void*) override { return recvBuffer = buffer, startRecvResult; }
   int CancelRecv() override { return 0; }
-  int Close() override {
-    closed = true;
-    open = false;
-    return 0;
-  }
+  int Close() override { return closed = true, open = false, 0; }
   bool IsOpen() override { return open; }
   int GetLocalAddress(IPEndPoint&) override { return -1; }
   int SetSendBufferSize(unsigned int) override { return -1; }
@@ -99,14 +85,11 @@ struct FakeUdpFactory {
   static inline int nextStartRecvResult = 0;
 
   static bool Make(RefPtr<IUdp>& out, IOLoop*) {
-    RefPtr<FakeUdp> fake;
-    fake.Attach(new FakeUdp());
     std::lock_guard<std::mutex> lock(mutex);
-    fake->openResults = nextOpenResults;
-    fake->startRecvResult = nextStartRecvResult;
-    made.push_back(fake);
-    out = fake.Get();
-    return true;
+    made.emplace_back().Attach(new FakeUdp());
+    made.back()->openResults = nextOpenResults;
+    made.back()->startRecvResult = nextStartRecvResult;
+    return out = made.back().Get(), true;
   }
   static RefPtr<FakeUdp> At(size_t i) {
     std::lock_guard<std::mutex> lock(mutex);

@@ -1,10 +1,15 @@
-// The channel over a scripted socket, and its send option.
+// The channel over a scripted socket, then over real sockets against real
+// peers: a responder that drops the first copies of each request, and dnsmasq,
+// on loopback and by name in a namespace of its own.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <stdexcept>
 
 #include "channel/fake_udp.h"
 #include "channel/udp_channel_impl.h"
+#include "support/peers.h"
+#include "support/process.h"
 
 namespace zelsocket {
 namespace {
@@ -68,16 +73,31 @@ class UdpChannelTest : public ::testing::Test {
     OnLoop([&] { n = FakeUdpFactory::At(0)->sent.size(); });
     return n;
   }
-  void ConnectOk(IChannel* c) {
+  void ConnectOk(IChannel* c, unsigned short port = 9000) {
     size_t before = sink->Count("connect");
-    ASSERT_EQ(0, c->Connect("127.0.0.1", 9000, nullptr));
+    ASSERT_EQ(0, c->Connect("127.0.0.1", port, nullptr));
     ASSERT_TRUE(sink->Wait("connect", before + 1));
     ASSERT_EQ(0, sink->Of("connect").back().status);
   }
-  unsigned SendOk(IChannelSendOption* option, IChannel* c = nullptr) {
+  unsigned SendOk(IChannelSendOption* option, IChannel* c = nullptr, const std::string& data = "req") {
     unsigned cookie = 0;
-    EXPECT_EQ(0, (c ? c : channel.Get())->Send(zstest::Buf("req"), option, cookie));
+    EXPECT_EQ(0, (c ? c : channel.Get())->Send(zstest::Buf(data), option, cookie));
     return cookie;
+  }
+  // The answer cancels the packet from inside OnRecv; sent from the loop thread,
+  // the cookie is known before any answer.
+  int SendUntilAnswered(const std::string& data, IChannelSendOption* option) {
+    std::atomic<int> sendAtCancel{-1};
+    unsigned cookie = 0;
+    size_t before = sink->Count("recv");
+    sink->hook = [&](const Event& e) {
+      int send = 0;
+      if (e.kind == "recv") channel->CancelSend(cookie, nullptr, &send), sendAtCancel = send;
+    };
+    OnLoop([&] { cookie = SendOk(option, nullptr, data); });
+    EXPECT_TRUE(sink->Wait("recv", before + 1));
+    sink->hook = nullptr;
+    return sendAtCancel;
   }
 
   zstest::LogRecorder log;
@@ -218,6 +238,88 @@ TEST_F(UdpChannelTest, ReleaseOnAnotherThreadWithAResolutionInFlight) {
     if (line.tag == "udp_channel") lines.push_back(line.message);
   EXPECT_EQ((Trace{"UdpChannelImpl::_Close", kQuietClose}), Trace(lines.end() - 2, lines.end()));
 }
+
+class ChannelE2ETest : public UdpChannelTest {
+ protected:
+  void SetUp() override {
+    UdpChannelTest::SetUp();
+    UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
+  }
+};
+
+TEST_F(ChannelE2ETest, RetransmitsUntilTheResponderAnswers) {
+  std::map<std::string, int> seen;  // the responder's thread only
+  zstest::UdpEchoPeer responder([&](const std::string& d) { return ++seen[d] > 2; });
+  ASSERT_EQ(0, channel->Connect("127.0.0.1", responder.Port(), nullptr));
+  EXPECT_EQ(3, SendUntilAnswered("req1", Schedule({60, 60, 60, 60, 60, 60, 60, 60})));
+  EXPECT_EQ(3, responder.Received());
+  ASSERT_TRUE(sink->Wait("send", 3));
+  EXPECT_EQ("req1", sink->Of("recv").at(0).data);
+}
+
+TEST_F(ChannelE2ETest, DnsQueryByAddressAndByName) {
+  zstest::ChildProcess dnsmasq;
+  unsigned short port = 0;
+  std::string why = zstest::StartDnsmasq(dnsmasq, &port);
+  if (!why.empty()) GTEST_SKIP() << why;
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    size_t n = sink->Count("connect");
+    ASSERT_EQ(0, channel->Connect(host, port, nullptr));
+    ASSERT_TRUE(sink->Wait("connect", n + 1));
+    ASSERT_EQ(0, sink->Of("connect")[n].status) << host;
+    std::vector<unsigned char> query = zstest::DnsQuery(static_cast<std::uint16_t>(0x1111 * (n + 1)), "example.test");
+    EXPECT_GE(SendUntilAnswered(std::string(query.begin(), query.end()), Schedule({300, 300, 300, 300})), 1);
+    std::string answer = sink->Of("recv").at(n).data;
+    EXPECT_EQ(answer.substr(0, 2), std::string(query.begin(), query.begin() + 2));    // the query's id
+    EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));  // the A record: 10.1.2.3
+    IPEndPoint dest;
+    channel->GetDestAddr(dest);
+    EXPECT_EQ("127.0.0.1", dest.GetAddress().GetString());
+  }
+  EXPECT_EQ(0u, sink->Count("timeout"));
+}
+
+// The last reference goes on the test thread while answers, send reports and
+// retransmissions are in flight on the loop thread.
+TEST_F(ChannelE2ETest, ReleaseOnAnotherThreadWhileTrafficFlows) {
+  zstest::UdpEchoPeer echo;
+  for (int round = 1; round <= 20; ++round) {
+    sink = zstest::NewRecorder();
+    channel = NewChannel();
+    ConnectOk(channel, echo.Port());
+    for (int i = 0; i < 20; ++i) SendOk(Schedule({5, 5, 5, 5, 5, 5}));
+    ASSERT_TRUE(round % 2 == 0 || sink->Wait("recv", 1));
+    channel = nullptr;  // posted sends may hold it a little longer; once they have run, it is gone and silent
+    zstest::Drain(loop);
+    EXPECT_EQ(round + 1, log.Count(kQuietClose));  // the fixture's channel went first
+    size_t events = sink->Count("");
+    zstest::Drain(loop);
+    EXPECT_EQ(events, sink->Count(""));
+  }
+}
+
+int ConnectByName(std::string& report) {
+  zstest::ChildProcess dnsmasq;
+  unsigned short port = 53;
+  if (!(report = zstest::StartDnsmasq(dnsmasq, &port)).empty()) return 77;
+  RefPtr<IChannel> channel;
+  CreateUdpChannel(channel, nullptr);
+  auto sink = zstest::NewRecorder();
+  channel->SetSink(sink);
+  IPEndPoint dest;
+  channel->Connect("example.test", 7777, nullptr);
+  sink->Wait("connect", 1, std::chrono::seconds(20));
+  channel->GetDestAddr(dest);
+  channel->Connect("nothing.invalid", 7777, nullptr);
+  sink->Wait("connect", 2, std::chrono::seconds(20));
+  channel->Close();
+  for (const std::string& e : sink->Trace()) report += e + " ";
+  report += dest.GetAddress().GetString() + ":" + std::to_string(dest.GetPort());
+  return report == "connect:0 connect:-1 10.1.2.3:7777" ? 0 : 1;
+}
+zstest::ChildRegistration g_connectByName("ConnectByName", ConnectByName);
+
+TEST(UdpChannelNetnsTest, ConnectsByNameThroughDnsmasqInANamespace) { ZS_EXPECT_CHILD_PASSES("ConnectByName"); }
 
 }  // namespace
 }  // namespace zelsocket
