@@ -1,13 +1,13 @@
-// The retransmission engine on a real loop.  The fuzz target checks each
-// packet's counts against a model; these check what it does not see: the
-// default timeline and its log line, the order of a forced timeout, and the
-// pass posted after a timeout.
+// The retransmission engine on a real loop, driven by a fake clock: its own
+// timer keeps running but finds nothing due until the test moves the clock and
+// runs a pass.  The fuzz target checks each packet's counts against a model;
+// this checks what it does not see: the default timeline and its log line, the
+// pass posted after a timeout, and the order of a forced timeout.
 #include "channel/data_sender.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <tuple>
 
 #include "channel/fake_udp.h"
@@ -32,48 +32,33 @@ class Sender : public DataSender, public IDataSenderSink {
   std::vector<Timeout> timeouts;
 };
 
-// The sender's own timer keeps running but finds nothing due until a test
-// moves the fake clock and runs a pass itself.
-class DataSenderTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(loop.Start(), 0);
-    sender.reset(new Sender(&loop));
-  }
-  void TearDown() override {
-    OnLoop([this] { sender.reset(); });
-    EXPECT_EQ(loop.Stop(), 0);
-  }
-  void OnLoop(const std::function<void()>& fn) { ASSERT_EQ(loop.SyncCall(fn), 0); }
-  void AdvanceAndPass(int ms) {
-    g_tick += static_cast<std::uint64_t>(ms);
-    OnLoop([this] { sender->RunPassForTesting(); });
-    OnLoop([] {});  // and the pass that one may have posted
-  }
-  bool Send(unsigned cookie, IChannelSendOption* option, std::uint64_t requestTick = g_tick) {
-    bool ok = false;
-    OnLoop([&] { ok = sender->SendPacket(zstest::Buf("req"), option, cookie, requestTick); });
-    return ok;
-  }
-
+TEST(DataSenderTest, DefaultTimelineThePostedPassAndForcedTimeoutOrder) {
   zstest::LogRecorder log;
   IOLoop loop;
-  std::unique_ptr<Sender> sender;
-};
+  ASSERT_EQ(loop.Start(), 0);
+  std::unique_ptr<Sender> sender(new Sender(&loop));
+  auto onLoop = [&](const std::function<void()>& fn) { EXPECT_EQ(loop.SyncCall(fn), 0); };
+  auto advanceAndPass = [&](int ms) {
+    g_tick += static_cast<std::uint64_t>(ms);
+    onLoop([&] { sender->RunPassForTesting(); });
+    onLoop([] {});  // and the pass that one may have posted
+  };
+  auto send = [&](unsigned cookie, IChannelSendOption* option, std::uint64_t requestTick) {
+    onLoop([&] { EXPECT_TRUE(sender->SendPacket(zstest::Buf("req"), option, cookie, requestTick)); });
+  };
 
-TEST_F(DataSenderTest, DefaultScheduleSendsAt0And3And8SecondsAndTimesOutAt15) {
   RefPtr<IChannelSendOption> udp = zstest::Schedule({});
   udp->SetDefaultForUdp();
-  ASSERT_TRUE(Send(7, udp, g_tick - 5));  // requested 5 ms before it was made
+  send(7, udp, g_tick - 5);  // requested 5 ms before it was made
   // Milliseconds on, the wall clock's seconds with them, transmissions by then.
   for (auto [ms, seconds, count] :
        std::vector<std::tuple<int, int, size_t>>{{2999, 3, 1}, {1, 0, 2}, {4999, 5, 2}, {1, 0, 3}, {6999, 7, 3}}) {
     g_wall += seconds;
-    AdvanceAndPass(ms);
+    advanceAndPass(ms);
     EXPECT_EQ(sender->sent.size(), count) << "after " << ms << " ms more";
   }
   EXPECT_TRUE(sender->timeouts.empty());
-  AdvanceAndPass(1);
+  advanceAndPass(1);
   EXPECT_EQ(sender->timeouts, (std::vector<Timeout>{{7, 3, 3}}));
   // Delays in ms; send times in whole seconds after the packet's creation.
   const std::string line = "timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
@@ -83,30 +68,27 @@ TEST_F(DataSenderTest, DefaultScheduleSendsAt0And3And8SecondsAndTimesOutAt15) {
     found += l.level == LOG_LEVEL_INFO && l.tag == "data_sender" && l.message.rfind(line, 0) == 0 &&
              l.message.substr(l.message.size() - 6) == ",0,3,8";
   EXPECT_EQ(found, 1);
-}
 
-TEST_F(DataSenderTest, ASecondExpiryComesFromThePassPostedByTheFirst) {
-  RefPtr<IChannelSendOption> o = zstest::Schedule({100});
-  ASSERT_TRUE(Send(1, o) && Send(2, o));
+  // One pass reports one expiry and posts the next pass, queued before any later call.
+  send(1, zstest::Schedule({100}), g_tick);
+  send(2, zstest::Schedule({100}), g_tick);
   g_tick += 100;
   size_t inPass = 0, next = 0;
-  OnLoop([&] {
-    sender->RunPassForTesting();
-    inPass = sender->timeouts.size();
-  });
-  OnLoop([&] { next = sender->timeouts.size(); });  // queued behind the posted pass
-  EXPECT_EQ(inPass, 1u);
-  EXPECT_EQ(next, 2u);
-}
+  onLoop([&] { sender->RunPassForTesting(), inPass = sender->timeouts.size(); });
+  onLoop([&] { next = sender->timeouts.size(); });
+  EXPECT_EQ(inPass, 2u);
+  EXPECT_EQ(next, 3u);
 
-// Cookies are keyed as signed 32-bit values: past 2^31 they sort first.
-TEST_F(DataSenderTest, ForcedTimeoutsFollowSignedCookieOrder) {
+  // Cookies are keyed as signed 32-bit values: past 2^31 they sort first.
+  sender->timeouts.clear();
   for (unsigned c : {1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0x7FFFFFFEu, 0x80000001u})
-    ASSERT_TRUE(Send(c, zstest::Schedule({1000})));
-  OnLoop([&] { sender->ForceAllPacketsTimeout(); });
+    send(c, zstest::Schedule({1000}), g_tick);
+  onLoop([&] { sender->ForceAllPacketsTimeout(); });
   std::vector<unsigned> order;
   for (const Timeout& t : sender->timeouts) order.push_back(std::get<0>(t));
   EXPECT_EQ(order, (std::vector<unsigned>{0x80000000u, 0x80000001u, 0xFFFFFFFFu, 1u, 0x7FFFFFFEu, 0x7FFFFFFFu}));
+  onLoop([&] { sender.reset(); });
+  EXPECT_EQ(loop.Stop(), 0);
 }
 
 }  // namespace
