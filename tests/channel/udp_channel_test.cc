@@ -90,8 +90,11 @@ class UdpChannelTest : public ::testing::Test {
   RefPtr<IChannelSendOption> longSchedule = Schedule({10000});
 };
 
-TEST_F(UdpChannelTest, PacketsSentBeforeConnectLeaveOnceBeforeOnConnect) {
-  EXPECT_EQ(3u, SendOk(longSchedule) + SendOk(longSchedule));  // cookies 1 and 2
+// Packets sent before Connect leave once, before OnConnect; a new destination
+// is for new packets only.
+TEST_F(UdpChannelTest, PacketsWaitForConnectAndKeepTheirDestination) {
+  RefPtr<IChannelSendOption> o = Schedule({60, 10000});
+  EXPECT_EQ(3u, SendOk(o) + SendOk(o));  // cookies 1 and 2
   size_t sentAtConnect = 99;
   sink->hook = [&](const Event& e) {
     if (e.kind == "connect") sentAtConnect = FakeUdpFactory::At(0)->sent.size();
@@ -99,27 +102,42 @@ TEST_F(UdpChannelTest, PacketsSentBeforeConnectLeaveOnceBeforeOnConnect) {
   ConnectOk(channel);
   EXPECT_EQ(2u, sentAtConnect);
   OnLoop([&] {
-    auto fake = FakeUdpFactory::At(0);
-    EXPECT_EQ(0, fake->openPorts.at(0));
-    EXPECT_EQ("127.0.0.1", fake->sent[0].dest.GetAddress().GetString());
-    EXPECT_EQ(9000, fake->sent[0].dest.GetPort());
-    fake->CompleteSend(0);
-    fake->CompleteSend(0);
+    EXPECT_EQ(0, FakeUdpFactory::At(0)->openPorts.at(0));
+    FakeUdpFactory::At(0)->CompleteSend(0);
+    FakeUdpFactory::At(0)->CompleteSend(0);
   });
   EXPECT_EQ((Trace{"connect:0", "send:1", "send:2"}), sink->Trace());
-  SendOk(longSchedule);  // connected: leaves at once
-  EXPECT_EQ(3u, Sent());
+  EXPECT_EQ(0, channel->ChangeDest(IPEndPoint("127.0.0.1", 9100)));
+  SendOk(o);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return Sent() >= 6; }));  // and each sent again
+  OnLoop([&] {
+    for (const auto& d : FakeUdpFactory::At(0)->sent)
+      EXPECT_EQ(d.dest.GetAddress().GetString() + ":" + std::to_string(d.dest.GetPort()),
+                d.ctx == reinterpret_cast<void*>(3) ? "127.0.0.1:9100" : "127.0.0.1:9000");
+  });
+  IPEndPoint dest;
+  channel->GetDestAddr(dest);
+  EXPECT_EQ(9000, dest.GetPort());
 }
 
 TEST_F(UdpChannelTest, FailedConnectTimesOutPendingPacketsBeforeOnConnect) {
+  unsigned cookie = 77;  // bad input is refused first
+  EXPECT_EQ(-1, channel->Send(nullptr, nullptr, cookie));
+  EXPECT_EQ(-1, channel->Send(zstest::Buf(""), nullptr, cookie));
+  EXPECT_EQ(-1, channel->Send(zstest::Buf("x"), Schedule({}), cookie));
+  EXPECT_EQ(-1, channel->Connect(nullptr, 9000, nullptr));
+  EXPECT_EQ(77u, cookie);
   SendOk(longSchedule);
-  SendOk(longSchedule);
+  SendOk(nullptr);  // the library's schedule
   ASSERT_EQ(0, channel->Connect("nothing.invalid", 9000, nullptr));
   ASSERT_EQ(0, channel->Connect("", 9000, nullptr));
-  EXPECT_EQ(-1, channel->Connect(nullptr, 9000, nullptr));
   ASSERT_TRUE(sink->Wait("connect", 2));
   EXPECT_EQ((Trace{"timeout:1:0", "timeout:2:0", "connect:-1", "connect:-1"}), sink->Trace());
   EXPECT_EQ(nullptr, FakeUdpFactory::At(0).Get());  // no socket was made
+  int found = 0;  // the timeout's log line counts the schedule's intervals
+  for (const auto& line : log.Lines())
+    found += line.message.rfind("timeout, cookie=2,", 0) == 0 && line.message.find("send-count=3,") != std::string::npos;
+  EXPECT_EQ(1, found);
 }
 
 TEST_F(UdpChannelTest, BindFailuresReachOnConnect) {
@@ -144,35 +162,6 @@ TEST_F(UdpChannelTest, BindFailuresReachOnConnect) {
     EXPECT_EQ(cases[i].status, sink->Of("connect")[i].status) << i;
     EXPECT_EQ(cases[i].tried, FakeUdpFactory::At(0)->openPorts) << i;
   }
-}
-
-TEST_F(UdpChannelTest, SendRefusesBadInputAndDefaultsToTheLibrarySchedule) {
-  unsigned cookie = 77;
-  EXPECT_EQ(-1, channel->Send(nullptr, nullptr, cookie));
-  EXPECT_EQ(-1, channel->Send(zstest::Buf(""), nullptr, cookie));
-  EXPECT_EQ(-1, channel->Send(zstest::Buf("x"), Schedule({}), cookie));
-  EXPECT_EQ(77u, cookie);
-  SendOk(nullptr);
-  channel->CancelSend(1, nullptr, nullptr);
-  int found = 0;  // the cancel's log line counts the schedule's intervals
-  for (const auto& line : log.Lines())
-    found += line.message.rfind("recv, cookie=1,", 0) == 0 && line.message.find("send-count=3,") != std::string::npos;
-  EXPECT_EQ(1, found);
-}
-
-TEST_F(UdpChannelTest, ChangeDestAffectsNewPacketsOnly) {
-  ConnectOk(channel);
-  SendOk(Schedule({60, 10000}));
-  EXPECT_EQ(0, channel->ChangeDest(IPEndPoint("127.0.0.1", 9100)));
-  SendOk(Schedule({60, 10000}));
-  ASSERT_TRUE(zstest::WaitUntil([&] { return Sent() >= 4; }));
-  OnLoop([&] {
-    for (const auto& d : FakeUdpFactory::At(0)->sent)
-      EXPECT_EQ(d.ctx == reinterpret_cast<void*>(1) ? 9000 : 9100, d.dest.GetPort());
-  });
-  IPEndPoint dest;
-  channel->GetDestAddr(dest);
-  EXPECT_EQ(9000, dest.GetPort());
 }
 
 // The last reference goes inside OnTimeout (from ForceAllTimeout and from the
