@@ -1,8 +1,7 @@
-// Property: every packet a channel accepts ends exactly once (CancelSend,
-// OnTimeout, or silently by CancelAll or Close), and after its end no callback
-// names its cookie again, except OnSend for a datagram already in the socket.
-// Random operations, socket reports and answers run against a scripted socket
-// and a small reference model that judges each callback on the loop thread.
+// Property: every accepted packet ends exactly once (CancelSend, OnTimeout, or
+// silently by CancelAll or Close); after its end only OnSend for a datagram
+// already in the socket names it.  A reference model judges each callback of
+// random operations, socket reports and answers over a scripted socket.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -45,9 +44,7 @@ class Model : public IChannelSink, public RefCountBase {
     for (size_t i = socket ? socket->reported : 0; socket && i < socket->sent.size(); ++i)
       if (socket->sent[i].ctx == reinterpret_cast<void*>(static_cast<uintptr_t>(cookie))) inSocket.insert(i);
   }
-  void EndAll() {
-    for (unsigned int c : std::set<unsigned int>(pending)) End(c);
-  }
+  void EndAll() { for (unsigned int c : std::set<unsigned int>(pending)) End(c); }
   void Fail(const std::string& what, unsigned int cookie) { failures.push_back(what + " " + std::to_string(cookie)); }
 
   std::set<unsigned int> pending;
@@ -72,8 +69,8 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
     std::mt19937 random(seed);
     auto pick = [&random](size_t n) { return random() % n; };
     RefPtr<IChannel> channel;
-    CreateUdpChannel(channel, &loop);
     RefPtr<Model> model;
+    CreateUdpChannel(channel, &loop);
     model.Attach(new Model());
     channel->SetSink(model);
     for (int step = 0; step < 120; ++step) {

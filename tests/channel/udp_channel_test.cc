@@ -218,7 +218,7 @@ class ChannelE2ETest : public UdpChannelTest {
   }
 };
 
-TEST_F(ChannelE2ETest, DnsQueryByAddressAndByName) {
+TEST_F(ChannelE2ETest, DnsQueryOnLoopback) {
   zstest::ChildProcess dnsmasq;
   unsigned short port = 0;
   std::string why = zstest::StartDnsmasq(dnsmasq, &port);
@@ -227,21 +227,14 @@ TEST_F(ChannelE2ETest, DnsQueryByAddressAndByName) {
   sink->hook = [&](const Event& e) {
     if (e.kind == "recv") channel->CancelSend(cookie, nullptr, nullptr);
   };
-  for (const char* host : {"127.0.0.1", "localhost"}) {
-    size_t n = sink->Count("connect");
-    ASSERT_EQ(0, channel->Connect(host, port, nullptr));
-    ASSERT_TRUE(sink->Wait("connect", n + 1));
-    ASSERT_EQ(0, sink->Of("connect")[n].status) << host;
-    std::vector<unsigned char> query = zstest::DnsQuery(static_cast<std::uint16_t>(0x1111 * (n + 1)), "example.test");
-    OnLoop([&] { cookie = SendOk(Schedule({300, 300, 300, 300}), nullptr, std::string(query.begin(), query.end())); });
-    ASSERT_TRUE(sink->Wait("recv", n + 1)) << host;
-    std::string answer = sink->Of("recv")[n].data;
-    EXPECT_EQ(answer.substr(0, 2), std::string(query.begin(), query.begin() + 2));    // the query's id
-    EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));  // the A record: 10.1.2.3
-    IPEndPoint dest;
-    channel->GetDestAddr(dest);
-    EXPECT_EQ("127.0.0.1", dest.GetAddress().GetString());
-  }
+  ConnectOk(channel, port);
+  std::vector<unsigned char> query = zstest::DnsQuery(0x1234, "example.test");
+  OnLoop([&] { cookie = SendOk(Schedule({300, 300, 300, 300}), nullptr, std::string(query.begin(), query.end())); });
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  std::string answer = sink->Of("recv")[0].data;
+  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");                                       // the query's id
+  EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));  // the A record: 10.1.2.3
+  EXPECT_TRUE(zstest::WaitUntil([&] { return log.CountPrefix("recv, cookie=1,") == 1; }));  // cancelled
   EXPECT_EQ(0u, sink->Count("timeout"));
 }
 
