@@ -44,7 +44,9 @@ class Model : public IChannelSink, public RefCountBase {
     for (size_t i = socket ? socket->reported : 0; socket && i < socket->sent.size(); ++i)
       if (socket->sent[i].ctx == reinterpret_cast<void*>(static_cast<uintptr_t>(cookie))) inSocket.insert(i);
   }
-  void EndAll() { for (unsigned int c : std::set<unsigned int>(pending)) End(c); }
+  void EndAll() {
+    for (unsigned int c : std::set<unsigned int>(pending)) End(c);
+  }
   void Fail(const std::string& what, unsigned int cookie) { failures.push_back(what + " " + std::to_string(cookie)); }
 
   std::set<unsigned int> pending;
@@ -79,7 +81,7 @@ TEST(ChannelProperty, EveryAcceptedPacketEndsExactlyOnce) {
       bool connected = false;
       if (op < 15 && channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) {
         loop.SyncCall([&] { model->Accept(cookie); });  // the hop ran before this later call
-      } else if (op >= 93) {  // Connect when idle, and wait for OnConnect
+      } else if (op >= 93) {                            // Connect when idle, and wait for OnConnect
         loop.SyncCall([&] { connected = model->connected || channel->Connect("127.0.0.1", 9, nullptr) != 0; });
         zstest::WaitUntil([&] {
           loop.SyncCall([&] { connected = model->connected; });

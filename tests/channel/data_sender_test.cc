@@ -21,13 +21,17 @@ using Timeout = std::tuple<unsigned, int, int>;  // cookie, retry, send
 
 class Sender : public DataSender, public IDataSenderSink {
  public:
-  explicit Sender(IOLoop* loop) : DataSender(loop, [] { return g_tick.load(); }, [] { return g_wall.load(); }) {
+  explicit Sender(IOLoop* loop)
+      : DataSender(
+            loop, [] { return g_tick.load(); }, [] { return g_wall.load(); }) {
     m_sink = this;
     m_paused = false;
     m_dest = IPEndPoint("127.0.0.1", 4000);
   }
   int SendData(Packet* packet) override { return sent.push_back(packet->cookie), 0; }
-  void OnPacketTimeout(unsigned int cookie, int retry, int send) override { timeouts.emplace_back(cookie, retry, send); }
+  void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
+    timeouts.emplace_back(cookie, retry, send);
+  }
   std::vector<unsigned> sent;
   std::vector<Timeout> timeouts;
 };
@@ -61,8 +65,9 @@ TEST(DataSenderTest, DefaultTimelineThePostedPassAndForcedTimeoutOrder) {
   advanceAndPass(1);
   EXPECT_EQ(sender->timeouts, (std::vector<Timeout>{{7, 3, 3}}));
   // Delays in ms; send times in whole seconds after the packet's creation.
-  const std::string line = "timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
-                           "total-delay=15005, send-time=";
+  const std::string line =
+      "timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
+      "total-delay=15005, send-time=";
   int found = 0;
   for (const auto& l : log.Lines())
     found += l.level == LOG_LEVEL_INFO && l.tag == "data_sender" && l.message.rfind(line, 0) == 0 &&

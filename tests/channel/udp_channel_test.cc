@@ -31,7 +31,7 @@ TEST(ChannelSendOption, ValidityDefaultsAndCopies) {
   EXPECT_FALSE(o.IsValid());  // packet-per-send still 0
   RefPtr<IChannelSendOption> dst = Schedule({1, 2});
   static_cast<IChannelSendOption*>(o)->CopyTo(dst);  // the whole schedule; packet-per-send raised to 1
-  o.SetPacketPerSend(-5);                             // raised too
+  o.SetPacketPerSend(-5);                            // raised too
   EXPECT_TRUE(o.IsValid());
   ChannelSendOption copy(o);
   assigned = o;
@@ -39,7 +39,8 @@ TEST(ChannelSendOption, ValidityDefaultsAndCopies) {
   o.SetDefaultForUdp();
   o.SetDefaultForUdp();  // appends to what is there
   EXPECT_EQ(Intervals(o), (std::vector<int>{3000, 5000, 7000, 3000, 5000, 7000}));
-  for (const IChannelSendOption* c : {static_cast<IChannelSendOption*>(copy), static_cast<IChannelSendOption*>(assigned), dst.Get()}) {
+  for (const IChannelSendOption* c :
+       {static_cast<IChannelSendOption*>(copy), static_cast<IChannelSendOption*>(assigned), dst.Get()}) {
     EXPECT_EQ(Intervals(c), std::vector<int>{10});
     EXPECT_EQ(c->GetPacketPerSend(), 1);
   }
@@ -134,9 +135,10 @@ TEST_F(UdpChannelTest, FailedConnectTimesOutPendingPacketsBeforeOnConnect) {
   ASSERT_TRUE(sink->Wait("connect", 2));
   EXPECT_EQ((Trace{"timeout:1:0", "timeout:2:0", "connect:-1", "connect:-1"}), sink->Trace());
   EXPECT_EQ(nullptr, FakeUdpFactory::At(0).Get());  // no socket was made
-  int found = 0;  // the timeout's log line counts the schedule's intervals
+  int found = 0;                                    // the timeout's log line counts the schedule's intervals
   for (const auto& line : log.Lines())
-    found += line.message.rfind("timeout, cookie=2,", 0) == 0 && line.message.find("send-count=3,") != std::string::npos;
+    found +=
+        line.message.rfind("timeout, cookie=2,", 0) == 0 && line.message.find("send-count=3,") != std::string::npos;
   EXPECT_EQ(1, found);
 }
 
@@ -232,8 +234,8 @@ TEST_F(ChannelE2ETest, DnsQueryOnLoopback) {
   OnLoop([&] { cookie = SendOk(Schedule({300, 300, 300, 300}), nullptr, std::string(query.begin(), query.end())); });
   ASSERT_TRUE(sink->Wait("recv", 1));
   std::string answer = sink->Of("recv")[0].data;
-  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");                                       // the query's id
-  EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));  // the A record: 10.1.2.3
+  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");                                               // the query's id
+  EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));          // the A record: 10.1.2.3
   EXPECT_TRUE(zstest::WaitUntil([&] { return log.CountPrefix("recv, cookie=1,") == 1; }));  // cancelled
   EXPECT_EQ(0u, sink->Count("timeout"));
 }
