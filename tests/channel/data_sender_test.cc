@@ -29,9 +29,7 @@ class Sender : public DataSender, public IDataSenderSink {
     m_dest = IPEndPoint("127.0.0.1", 4000);
   }
   int SendData(Packet* packet) override { return sent.push_back(packet->cookie), 0; }
-  void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
-    timeouts.emplace_back(cookie, retry, send);
-  }
+  void OnPacketTimeout(unsigned int c, int retry, int send) override { timeouts.emplace_back(c, retry, send); }
   std::vector<unsigned> sent;
   std::vector<Timeout> timeouts;
 };
