@@ -4,6 +4,19 @@ install(TARGETS zelsocket EXPORT zelsocketTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# On Windows the DLLs the library loads go beside it in bin/, where the
+# programs that use it look for them.
+if(WIN32)
+  if(TARGET uv)
+    get_target_property(type uv TYPE)
+    if(type STREQUAL "SHARED_LIBRARY")
+      install(FILES $<TARGET_FILE:uv> DESTINATION ${CMAKE_INSTALL_BINDIR})
+    endif()
+  endif()
+  if(ZELSOCKET_MINGW_RUNTIME)
+    install(FILES ${ZELSOCKET_MINGW_RUNTIME} DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endif()
 install(DIRECTORY include/zelsocket DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
 
@@ -16,6 +29,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zelsocketConfigVersion.cm
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/zelsocketConfig.cmake
               ${PROJECT_BINARY_DIR}/zelsocketConfigVersion.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/ZelsocketLibuv.cmake
         DESTINATION ${ZELSOCKET_CMAKE_DIR})
 
 # pkg-config: libuv is a public dependency because <zelsocket/sync.h> embeds its

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite three times: a normal build, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer; then
-# runs each libFuzzer target briefly.  Any failure or sanitizer report fails it.
+# runs each libFuzzer target briefly; then cross-builds for Windows x64 and runs
+# the suite, the demo and the package test under Wine.  Any failure or sanitizer
+# report fails it.
 #
 #   tools/check.sh                 everything
-#   tools/check.sh normal asan     only these trees (normal, asan, tsan, fuzz)
+#   tools/check.sh normal asan     only these trees (normal, asan, tsan, fuzz, windows)
 #   FUZZ_SECONDS=300 tools/check.sh fuzz
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,7 +14,7 @@ cd "$(dirname "$0")/.."
 jobs=${JOBS:-$(nproc)}
 fuzz_seconds=${FUZZ_SECONDS:-30}
 trees=("$@")
-[ ${#trees[@]} -gt 0 ] || trees=(normal asan tsan fuzz)
+[ ${#trees[@]} -gt 0 ] || trees=(normal asan tsan fuzz windows)
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:halt_on_error=1:detect_stack_use_after_return=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}
@@ -75,12 +77,88 @@ run_fuzz() {
   done
 }
 
+# Counts one Windows program's results: its GoogleTest summary when it printed
+# one, else its exit status as one result.
+count_windows_run() {
+  local log=$1 rc=$2 p f
+  p=$(sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\{0,1\}\..*/\1/p' "$log" | tail -1)
+  f=$(sed -n 's/^\[  FAILED  \] \([0-9]*\) tests\{0,1\}, listed below.*/\1/p' "$log" | tail -1)
+  if [ -n "$p" ]; then
+    passed=$((passed + p))
+    failed=$((failed + ${f:-0}))
+    [ "$rc" -eq 0 ] || [ -n "$f" ] || failed=$((failed + 1))
+  elif [ "$rc" -eq 0 ]; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+  fi
+}
+
+run_windows() {
+  local dir=build/check-windows deps
+  echo "== windows: dependencies"
+  tools/deps.sh windows
+  local start=$SECONDS
+  deps=$(tools/windows-deps.sh | tail -1)
+  echo "== windows: libuv and GoogleTest for Windows in $deps ($((SECONDS - start)) s)"
+  start=$SECONDS
+  cmake -S . -B "$dir" --no-warn-unused-cli -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
+    -DCMAKE_PREFIX_PATH="$deps" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELSOCKET_DCHECK=ON >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  echo "== windows: library, tests and examples built in $((SECONDS - start)) s"
+
+  local wine=/usr/lib/wine/wine64
+  export WINEPREFIX=$PWD/$dir/wineprefix WINEDEBUG=-all
+  # The first start creates the prefix; later ones reuse it and its server.
+  "$wine" cmd /c exit >/dev/null 2>&1 || true
+
+  # One Wine process per executable: starting Wine costs far more than a case.
+  local exe name log rc
+  for exe in "$dir"/bin/zelsocket_*_tests.exe; do
+    name=$(basename "$exe" .exe)
+    log=$dir/$name.log
+    echo "== windows: $name"
+    rc=0
+    timeout 900 "$wine" "$exe" >"$log" 2>&1 || rc=$?
+    # Counts, failures, and each skip with its reason (the line after "Skipped").
+    tr -d '\r' <"$log" | grep -E -A1 "^\[  (PASSED|FAILED|SKIPPED) |: Failure$|: Skipped$" | grep -v "^--$" | head -40 || true
+    count_windows_run "$log" "$rc"
+  done
+  for exe in "$dir"/bin/*_fuzz_replay.exe; do
+    [ -e "$exe" ] || continue
+    name=$(basename "$exe" _fuzz_replay.exe)
+    log=$dir/$name.replay.log
+    rc=0
+    timeout 300 "$wine" "$exe" "Z:$PWD/tests/fuzz/corpus/$name" >"$log" 2>&1 || rc=$?
+    echo "== windows: $name corpus: $(grep replayed "$log" || echo "rc=$rc")"
+    count_windows_run "$log" "$rc"
+  done
+
+  echo "== windows: udp_request.exe --short"
+  log=$dir/udp_request.log
+  rc=0
+  timeout 120 "$wine" "$dir/bin/udp_request.exe" --short >"$log" 2>&1 || rc=$?
+  if [ "$rc" -eq 0 ] && grep -E "^answered [0-9]+, timed out" "$log"; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    tail -20 "$log"
+  fi
+
+  echo "== windows: package"
+  rc=0
+  WINE="$wine" bash tests/package/run_windows.sh "$dir" "$PWD" "$deps" >"$dir/package.log" 2>&1 || rc=$?
+  tail -5 "$dir/package.log"
+  count_windows_run "$dir/package.log" "$rc"
+}
+
 for tree in "${trees[@]}"; do
   case $tree in
     normal) run_suite normal ;;
     asan) run_suite asan -DZELSOCKET_SANITIZE=address ;;
     tsan) run_suite tsan -DZELSOCKET_SANITIZE=thread ;;
     fuzz) run_fuzz ;;
+    windows) run_windows ;;
     *) echo "unknown tree: $tree" >&2; exit 2 ;;
   esac
 done

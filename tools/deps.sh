@@ -1,8 +1,21 @@
 #!/usr/bin/env bash
 # Installs what building, testing and benchmarking zelSocket needs on Debian 12.
 # Runs apt-get as root, or through sudo otherwise; does nothing when all is there.
+#
+#   tools/deps.sh           what the Linux build, tests and benchmarks need
+#   tools/deps.sh windows   what the cross build for Windows x64 and its run under Wine need
 set -euo pipefail
 
+if [ "${1:-}" = windows ]; then
+packages=(
+  build-essential cmake git
+  g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix   # cross compilers with std::thread
+  wine64                           # runs the Windows tests and the demo
+  dpkg-dev                         # apt-get source: libuv's own Debian source for the cross build
+  googletest                       # GoogleTest's source, built for Windows
+  python3 dnsmasq-base             # Linux peers the Windows tests talk to over loopback
+)
+else
 packages=(
   build-essential cmake pkg-config git
   libuv1-dev                       # the event loop underneath everything
@@ -13,6 +26,7 @@ packages=(
   dnsmasq-base                     # a real DNS server for the channel tests
   iproute2 nftables                # network namespaces and packet loss in tests
 )
+fi
 
 missing=()
 for p in "${packages[@]}"; do

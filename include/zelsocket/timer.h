@@ -11,9 +11,9 @@ namespace zelsocket {
 class IOLoop;
 class TimerImpl;
 
-// Each firing is one IOLoop::DelayCall, so a timer fires on the loop's 50 ms
-// poll after its due time; a repeating timer's next due time counts from the
-// firing, so it drifts.  The function runs on the loop thread.  SetTimeout on an
+// A timer fires on the loop's 50 ms poll after its due time, the poll that
+// serves IOLoop::DelayCall; a repeating timer's next due time counts from the
+// firing, so it drifts.  Arming allocates nothing.  The function runs on the loop thread.  SetTimeout on an
 // armed timer replaces it.  The timer may be used and destroyed on any thread.
 class ZELSOCKET_API Timer {
  public:

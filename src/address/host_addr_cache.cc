@@ -1,7 +1,6 @@
 #include "address/host_addr_cache.h"
 
-#include <netdb.h>
-#include <uv.h>
+#include <uv.h>  // addrinfo: from ws2tcpip.h on Windows, netdb.h elsewhere
 
 #include <cstdlib>
 #include <functional>

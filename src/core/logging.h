@@ -6,7 +6,16 @@
 
 #include "zelsocket/log.h"
 
+// Lets GNU compilers check log formats against their arguments.  MinGW's plain
+// `printf` archetype is the Microsoft one, which knows no %zu or %lld; its C++
+// runtime formats the GNU way, which `gnu_printf` checks.  Other compilers skip it.
+#if defined(__MINGW32__)
+#define ZS_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(gnu_printf, fmt_index, first_arg)))
+#elif defined(__GNUC__)
 #define ZS_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
+#else
+#define ZS_PRINTF_FORMAT(fmt_index, first_arg)
+#endif
 
 namespace zelsocket {
 

@@ -9,6 +9,7 @@
 #include "core/logging.h"
 #include "core/platform.h"
 #include "loop/run_on_loop.h"
+#include "loop/timer_impl.h"
 
 namespace zelsocket {
 
@@ -102,7 +103,12 @@ void IOLoopImpl::_InitOnLoopThread() {
   uv_mutex_lock(&m_callMutex);
   m_callAsync = NewHandle<uv_async_t>(this);
   uv_async_init(loop, m_callAsync, _OnAsyncCall_Static);
+  m_callCheck = NewHandle<uv_check_t>(this);
+  uv_check_init(loop, m_callCheck);
+  m_callIdle = NewHandle<uv_idle_t>(this);
+  uv_idle_init(loop, m_callIdle);
   m_callOpen = true;
+  m_callScheduled = false;
   m_finalOpen = true;
   uv_mutex_unlock(&m_callMutex);
 
@@ -162,12 +168,15 @@ void IOLoopImpl::_AsyncStop() {
   if (m_callAsync) {
     uv_mutex_lock(&m_callMutex);
     m_callOpen = false;
-    std::deque<CallItem*> pending;
+    m_callScheduled = false;
+    std::vector<CallItem*> pending;
     pending.swap(m_callQueue);
     LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-async-call=%u", static_cast<unsigned>(pending.size()));
     uv_mutex_unlock(&m_callMutex);
     _WaitForWakers();
     CloseHandle(m_callAsync);
+    CloseHandle(m_callCheck);
+    CloseHandle(m_callIdle);
     // Dropped outside the lock: what an item owns may post again (and be refused).
     // A teardown is run, not dropped: its caller cannot go on without it.
     for (CallItem* item : pending) {
@@ -186,10 +195,17 @@ void IOLoopImpl::_AsyncStop() {
     m_delayOpen = false;
     std::vector<CallItem*> pending;
     pending.swap(m_delayQueue);
+    std::vector<TimerEntry> timers;
+    timers.swap(m_timerQueue);
     LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-delay-async-call=%u",
-            static_cast<unsigned>(pending.size()));
+            static_cast<unsigned>(pending.size() + timers.size()));
+    std::vector<TimerImpl*> released;
+    for (TimerEntry& entry : timers) {
+      if (--entry.timer->m_entries == 0) released.push_back(entry.timer);
+    }
     uv_mutex_unlock(&m_delayMutex);
     for (CallItem* item : pending) _DropItem(item);
+    for (TimerImpl* timer : released) timer->Release();
   }
   if (m_workAsync) {
     uv_mutex_lock(&m_workMutex);
@@ -267,13 +283,17 @@ void IOLoopImpl::RunFinal(const std::function<void()>& fn) {
     uv_mutex_lock(&m_callMutex);
     if (m_callOpen) {
       m_callQueue.push_back(queued);
+      const bool wake = !m_callScheduled;
+      m_callScheduled = true;
       uv_async_t* async = m_callAsync;
-      m_wakers.fetch_add(1, std::memory_order_relaxed);
+      if (wake) m_wakers.fetch_add(1, std::memory_order_relaxed);
       uv_mutex_unlock(&m_callMutex);
       // A failed wake-up leaves the item queued: a later wake-up or the stop
       // sequence runs it.
-      uv_async_send(async);
-      m_wakers.fetch_sub(1, std::memory_order_release);
+      if (wake) {
+        uv_async_send(async);
+        m_wakers.fetch_sub(1, std::memory_order_release);
+      }
       wait.sem.Wait();
       return;
     }
@@ -330,6 +350,8 @@ bool IOLoopImpl::IsLoopThread() const {
   return uv_thread_equal(&self, &loop) != 0;
 }
 
+bool IOLoopImpl::_StopBegun() const { return (m_flags.load(std::memory_order_acquire) & kStopping) != 0; }
+
 bool IOLoopImpl::_Refusing() const { return Loop() == nullptr || (m_flags.load(std::memory_order_acquire) & kStopping); }
 
 int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, std::function<void()> fn) {
@@ -347,6 +369,7 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
   item->data = data;
   SyncWait wait;
   if (sync) item->sync = &wait;
+  const bool onLoop = !sync && IsLoopThread();
 
   uv_mutex_lock(&m_callMutex);
   if (!m_callOpen) {
@@ -355,25 +378,34 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
     return -1;
   }
   m_callQueue.push_back(item);
+  const bool wake = !m_callScheduled;
+  m_callScheduled = true;
   uv_async_t* async = m_callAsync;
-  m_wakers.fetch_add(1, std::memory_order_relaxed);
+  if (wake && !onLoop) m_wakers.fetch_add(1, std::memory_order_relaxed);
   uv_mutex_unlock(&m_callMutex);
 
-  int rc = uv_async_send(async);
-  m_wakers.fetch_sub(1, std::memory_order_release);
-  if (rc != 0) {
-    LogError(tag::kLoop, "IoLoop.AsyncCallSafe, uv_async_send fail.");
-    if (!sync) return -1;
-    // The item stays queued for a later wake-up, but this caller is about to
-    // leave: take it back unless the loop has it already.
-    uv_mutex_lock(&m_callMutex);
-    auto it = std::find(m_callQueue.begin(), m_callQueue.end(), item);
-    bool removed = it != m_callQueue.end();
-    if (removed) m_callQueue.erase(it);
-    uv_mutex_unlock(&m_callMutex);
-    if (removed) {
-      delete item;
-      return -1;
+  if (wake && onLoop) {
+    // The loop is awake already: arming the check handle is enough.
+    _ArmCallService(false);
+  } else if (wake) {
+    int rc = uv_async_send(async);
+    m_wakers.fetch_sub(1, std::memory_order_release);
+    if (rc != 0) {
+      LogError(tag::kLoop, "IoLoop.AsyncCallSafe, uv_async_send fail.");
+      uv_mutex_lock(&m_callMutex);
+      // No batch is on its way after all; the next post tries to wake the loop.
+      m_callScheduled = false;
+      // A SyncCall caller is about to leave: it takes its item back unless
+      // the loop has it already.  A posted item stays for a later wake-up.
+      auto it = sync ? std::find(m_callQueue.begin(), m_callQueue.end(), item) : m_callQueue.end();
+      bool removed = it != m_callQueue.end();
+      if (removed) m_callQueue.erase(it);
+      uv_mutex_unlock(&m_callMutex);
+      if (!sync) return -1;
+      if (removed) {
+        delete item;
+        return -1;
+      }
     }
   }
   if (!sync) return 0;
@@ -381,24 +413,54 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
   return wait.dropped ? -1 : 0;
 }
 
-void IOLoopImpl::_OnAsyncCall_Static(uv_async_t* handle) { static_cast<IOLoopImpl*>(handle->data)->_AsyncCall(); }
+// The wake-up comes in the poll phase; the batch follows in the check phase of
+// the same iteration.
+void IOLoopImpl::_OnAsyncCall_Static(uv_async_t* handle) {
+  static_cast<IOLoopImpl*>(handle->data)->_ArmCallService(true);
+}
 
-void IOLoopImpl::_AsyncCall() {
+void IOLoopImpl::_OnCallCheck_Static(uv_check_t* handle) { static_cast<IOLoopImpl*>(handle->data)->_ServeCalls(); }
+
+// Only its being active matters: it makes the poll return at once.
+void IOLoopImpl::_OnCallIdle_Static(uv_idle_t* /*handle*/) {}
+
+// From the poll phase the check phase follows anyway; from any other phase the
+// poll must not block before it.
+void IOLoopImpl::_ArmCallService(bool fromPoll) {
   ZS_DCHECK(IsLoopThread());
-  CallItem* item = nullptr;
-  bool more = false;
+  if (!m_callCheck) return;
+  uv_check_start(m_callCheck, _OnCallCheck_Static);
+  if (!fromPoll) uv_idle_start(m_callIdle, _OnCallIdle_Static);
+}
+
+// One batch: the calls queued when it begins, in order.  Calls posted by its
+// targets wait for the next batch, after the timers and a poll for I/O, so a
+// target that posts itself again cannot starve the loop.
+void IOLoopImpl::_ServeCalls() {
+  ZS_DCHECK(IsLoopThread());
+  // Once a stop has begun, what is queued is the stop's to drop.  libuv on POSIX
+  // serves the stop's wake-up ahead of this one, on Windows in the order they
+  // were sent; without this a call queued before the stop would still run there.
+  if (_StopBegun()) return;
   uv_mutex_lock(&m_callMutex);
-  if (!m_callQueue.empty()) {
-    item = m_callQueue.front();
-    m_callQueue.pop_front();
-    more = !m_callQueue.empty();
-  }
+  m_callBatch.swap(m_callQueue);
   uv_mutex_unlock(&m_callMutex);
-  if (item) _InvokeItem(item);
-  // libuv folds many sends into one callback: serve the rest one wake-up each,
-  // so that I/O and timers run between queued calls.
-  if (more && m_callAsync && uv_async_send(m_callAsync) != 0) LogError(tag::kLoop, "UvLoop._AsyncCall");
-  delete item;
+  for (CallItem* item : m_callBatch) {
+    _InvokeItem(item);
+    delete item;
+  }
+  m_callBatch.clear();
+  uv_mutex_lock(&m_callMutex);
+  bool more = !m_callQueue.empty();
+  if (!more) m_callScheduled = false;
+  uv_mutex_unlock(&m_callMutex);
+  if (!m_callCheck) return;  // a target cannot stop the loop, but stay safe
+  if (more) {
+    uv_idle_start(m_callIdle, _OnCallIdle_Static);
+  } else {
+    uv_check_stop(m_callCheck);
+    uv_idle_stop(m_callIdle);
+  }
 }
 
 void IOLoopImpl::_InvokeItem(CallItem* item) {
@@ -438,28 +500,61 @@ int IOLoopImpl::DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data,
 
 std::size_t IOLoopImpl::PendingDelayCalls() {
   uv_mutex_lock(&m_delayMutex);
-  std::size_t n = m_delayQueue.size();
+  std::size_t n = m_delayQueue.size() + m_timerQueue.size();
   uv_mutex_unlock(&m_delayMutex);
   return n;
 }
 
 void IOLoopImpl::_OnDelayTimer_Static(uv_timer_t* handle) { static_cast<IOLoopImpl*>(handle->data)->_OnDelayTimer(); }
 
+bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer) {
+  if (!m_delayOpen || _Refusing()) return false;
+  // The precise clock: the coarse one can lag by more than its resolution
+  // (late scheduler ticks on a busy host), which would fire a timer early.
+  std::int64_t due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
+  if (timer->m_entries++ == 0) timer->AddRef();
+  m_timerQueue.push_back(TimerEntry{due, id, timer});
+  std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
+  return true;
+}
+
+// Runs what has come due, delayed calls and timers alike, earliest first.
 void IOLoopImpl::_OnDelayTimer() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   for (;;) {
     CallItem* item = nullptr;
+    TimerEntry entry{0, 0, nullptr};
+    std::function<void()> fire;
+    std::uint32_t current = 0;
+    bool rearmFailed = false;
+    bool lastEntry = false;
     uv_mutex_lock(&m_delayMutex);
-    if (!m_delayQueue.empty() &&
-        static_cast<std::int64_t>(platform::TickMs()) > m_delayQueue.front()->due) {
+    auto now = static_cast<std::int64_t>(platform::TickMs());
+    bool callDue = !m_delayQueue.empty() && now > m_delayQueue.front()->due;
+    bool timerDue = !m_timerQueue.empty() && now > m_timerQueue.front().due;
+    if (callDue && (!timerDue || m_delayQueue.front()->due <= m_timerQueue.front().due)) {
       std::pop_heap(m_delayQueue.begin(), m_delayQueue.end(), DueLater());
       item = m_delayQueue.back();
       m_delayQueue.pop_back();
+    } else if (timerDue) {
+      std::pop_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
+      entry = m_timerQueue.back();
+      m_timerQueue.pop_back();
+      current = entry.timer->_TakeDueLocked(entry.id, fire, rearmFailed);
+      // A re-arming has just added an entry, so the reference stays for it.
+      lastEntry = --entry.timer->m_entries == 0;
     }
     uv_mutex_unlock(&m_delayMutex);
-    if (!item) return;
-    _InvokeItem(item);
-    delete item;
+    if (item) {
+      _InvokeItem(item);
+      delete item;
+    } else if (entry.timer) {
+      entry.timer->_OnDue(entry.id, current, std::move(fire), rearmFailed);
+      if (lastEntry) entry.timer->Release();  // may be the last reference
+    } else {
+      return;
+    }
   }
 }
 
@@ -519,6 +614,7 @@ void IOLoopImpl::_OnAsyncQueueWork_Static(uv_async_t* handle) {
 
 void IOLoopImpl::_OnAsyncQueueWork() {
   ZS_DCHECK(IsLoopThread());
+  if (_StopBegun()) return;
   uv_mutex_lock(&m_workMutex);
   while (!m_workQueue.empty()) {
     WorkItem* item = m_workQueue.front();

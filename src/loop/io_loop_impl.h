@@ -17,6 +17,8 @@
 
 namespace zelsocket {
 
+class TimerImpl;
+
 class IOLoopImpl {
  public:
   explicit IOLoopImpl(IOLoop* owner);
@@ -44,6 +46,14 @@ class IOLoopImpl {
 
   // Items queued now; for tests and the benchmarks.
   std::size_t PendingDelayCalls();
+
+  // Timers share the lock of the delayed calls, which also guards each
+  // TimerImpl's own state, so that an arming takes one lock and no allocation.
+  void LockTimers() { uv_mutex_lock(&m_delayMutex); }
+  void UnlockTimers() { uv_mutex_unlock(&m_delayMutex); }
+  // Under LockTimers: queues arming `id` of `timer` (which the entry holds a
+  // reference to) for the poll after `delayMs`.  False when the loop refuses.
+  bool PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer);
 
  private:
   // What a SyncCall from another thread waits on.  Lives on the caller's stack.
@@ -78,15 +88,26 @@ class IOLoopImpl {
     bool operator()(const CallItem* a, const CallItem* b) const { return a->due > b->due; }
   };
 
+  struct TimerEntry {
+    std::int64_t due;
+    std::uint32_t id;
+    TimerImpl* timer;  // holds a reference
+  };
+  struct TimerDueLater {
+    bool operator()(const TimerEntry& a, const TimerEntry& b) const { return a.due > b.due; }
+  };
+
+  bool _StopBegun() const;
   bool _Refusing() const;
   int _SubmitWork(WorkItem* item);
   void _InitOnLoopThread();
   void _AsyncStop();
+  void _ServeCalls();
+  void _ArmCallService(bool fromPoll);
   void _AfterRun();
   void _RunFinalHere(const std::function<void()>& fn);
   void _ReclaimDeadLoops();
   static void _ReapLoop(uv_loop_t* loop);
-  void _AsyncCall();
   void _OnDelayTimer();
   void _OnAsyncQueueWork();
   void _OnAfterWork(WorkItem* item, int status);
@@ -98,6 +119,8 @@ class IOLoopImpl {
   static void _ThreadProc(void* arg);
   static void _OnAsyncStop_Static(uv_async_t* handle);
   static void _OnAsyncCall_Static(uv_async_t* handle);
+  static void _OnCallCheck_Static(uv_check_t* handle);
+  static void _OnCallIdle_Static(uv_idle_t* handle);
   static void _OnDelayTimer_Static(uv_timer_t* handle);
   static void _OnAsyncQueueWork_Static(uv_async_t* handle);
   static void _OnWork_Static(uv_work_t* req);
@@ -117,13 +140,25 @@ class IOLoopImpl {
   // at start and clears it, under the same mutex, when the stop sequence drains
   // the queue.  A caller reads the handle under that mutex too, so it can never
   // wake a handle that is closed or belongs to an earlier run.
+  //
+  // Queued calls are served in batches: each batch is the queue as it stood when
+  // the batch began, served from a check handle, so that timers and a poll for
+  // I/O come between two batches.  `m_callScheduled` says that a batch will come
+  // without a further wake-up (a wake-up is pending, or the check handle is
+  // armed); a post that finds it set pays no system call.  The idle handle keeps
+  // the poll from blocking while calls wait for the next batch.
   uv_async_t* m_callAsync = nullptr;
-  std::deque<CallItem*> m_callQueue;
+  uv_check_t* m_callCheck = nullptr;
+  uv_idle_t* m_callIdle = nullptr;
+  std::vector<CallItem*> m_callQueue;
+  std::vector<CallItem*> m_callBatch;  // loop thread only; keeps its capacity
   uv_mutex_t m_callMutex;
   bool m_callOpen = false;
+  bool m_callScheduled = false;
 
   uv_timer_t* m_delayTimer = nullptr;
   std::vector<CallItem*> m_delayQueue;  // min-heap by due
+  std::vector<TimerEntry> m_timerQueue;  // min-heap by due, beside m_delayQueue
   uv_mutex_t m_delayMutex;
   bool m_delayOpen = false;
 

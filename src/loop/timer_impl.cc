@@ -2,11 +2,13 @@
 
 #include "core/check.h"
 #include "core/logging.h"
+#include "loop/io_loop_impl.h"
 #include "zelsocket/timer.h"
 
 namespace zelsocket {
 
-TimerImpl::TimerImpl(IOLoop* loop) : m_loop(loop ? loop : IOLoop::GetLoop()) {}
+TimerImpl::TimerImpl(IOLoop* loop)
+    : m_loop(loop ? loop : IOLoop::GetLoop()), m_impl(m_loop ? IOLoopImpl::Of(m_loop) : nullptr) {}
 
 int TimerImpl::SetTimeout(int delayMs, int intervalMs, std::function<void()> fn) {
   if (!fn) return -1;
@@ -14,54 +16,66 @@ int TimerImpl::SetTimeout(int delayMs, int intervalMs, std::function<void()> fn)
     LogInfo(tag::kTimer, "TimerImpl::SetTimeout, m_loop is null.");
     return -1;
   }
-  return _Arm(delayMs, intervalMs, std::move(fn));
-}
-
-int TimerImpl::_Arm(int delayMs, int intervalMs, std::function<void()> fn) {
-  std::uint32_t id;
-  {
-    AutoMutexLock lock(m_mutex);
-    id = m_id = m_cookies.GetCookie();
-    m_fn.swap(fn);  // the replaced function dies below, outside the lock
+  m_impl->LockTimers();
+  m_id = _NextIdLocked();
+  m_interval = intervalMs;
+  m_fn.swap(fn);  // the replaced function dies below, outside the lock
+  bool queued = m_impl->PushTimerLocked(delayMs, m_id, this);
+  m_impl->UnlockTimers();
+  if (!queued) {
+    LogInfo(tag::kTimer, "SetTimeout, DelayCallSafe fail, ret=%d.", -1);
+    return -1;
   }
-  RefPtr<RefCount> anchor(this);
-  int rc = m_loop->DelayCall(delayMs, [this, id, intervalMs, anchor] { _OnTimeout(id, intervalMs, anchor); });
-  if (rc != 0) LogInfo(tag::kTimer, "SetTimeout, DelayCallSafe fail, ret=%d.", rc);
-  return rc;
+  return 0;
 }
 
-void TimerImpl::_OnTimeout(std::uint32_t id, int interval, RefPtr<RefCount> anchor) {
+std::uint32_t TimerImpl::_NextIdLocked() {
+  if (++m_lastId == 0) ++m_lastId;
+  return m_lastId;
+}
+
+std::uint32_t TimerImpl::_TakeDueLocked(std::uint32_t id, std::function<void()>& fire, bool& rearmFailed) {
+  std::uint32_t current = m_id;
+  rearmFailed = false;
+  if (id != m_id || !m_fn) return current;
+  if (m_interval > 0) {
+    fire = m_fn;
+    m_id = _NextIdLocked();
+    // A refused re-arming leaves the timer looking armed, as a refused
+    // SetTimeout does; the repetition ends there.
+    rearmFailed = !m_impl->PushTimerLocked(m_interval, m_id, this);
+  } else {
+    fire.swap(m_fn);
+  }
+  return current;
+}
+
+void TimerImpl::_OnDue(std::uint32_t id, std::uint32_t current, std::function<void()> fire, bool rearmFailed) {
   ZS_DCHECK(m_loop->IsLoopThread());
-  std::function<void()> local;
-  std::uint32_t current;
-  {
-    AutoMutexLock lock(m_mutex);
-    current = m_id;
-    if (id == m_id && m_fn) local.swap(m_fn);
-  }
-  if (!local) {
+  if (!fire) {
     LogDebug(tag::kTimer, "_OnTimeout, Canceled, id-old=%d, id-new=%d", static_cast<int>(id),
              static_cast<int>(current));
     return;
   }
-  // Re-armed before the function runs, so its running time does not stretch
-  // the period, and the function may cancel or replace the next firing.
-  if (interval > 0) _Arm(interval, interval, local);
-  local();
+  if (rearmFailed) LogInfo(tag::kTimer, "SetTimeout, DelayCallSafe fail, ret=%d.", -1);
+  fire();
 }
 
 bool TimerImpl::IsRunning() const {
-  AutoMutexLock lock(m_mutex);
-  return m_id != 0 && static_cast<bool>(m_fn);
+  if (!m_impl) return false;
+  m_impl->LockTimers();
+  bool running = m_id != 0 && static_cast<bool>(m_fn);
+  m_impl->UnlockTimers();
+  return running;
 }
 
 void TimerImpl::Cancel() {
+  if (!m_impl) return;
   std::function<void()> old;
-  {
-    AutoMutexLock lock(m_mutex);
-    m_id = 0;
-    old.swap(m_fn);
-  }
+  m_impl->LockTimers();
+  m_id = 0;
+  old.swap(m_fn);
+  m_impl->UnlockTimers();
 }
 
 Timer::Timer(IOLoop* loop) : _impl(new TimerImpl(loop)) {}

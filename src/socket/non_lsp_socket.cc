@@ -28,10 +28,6 @@ bool SameGuid(const ProviderGuid& a, const ProviderGuid& b) {
          std::memcmp(a.Data4, b.Data4, sizeof a.Data4) == 0;
 }
 
-// The log lines carry provider names and GUIDs, which the catalogue keeps as
-// wide text.  They are narrowed here rather than printed with %S, whose
-// meaning and locale dependence differ between C libraries; both are ASCII in
-// practice, and anything else shows as '?'.
 // Enumerates into a heap buffer, growing it to the length the platform asks
 // for.  A platform that asks for no more than it was given would make this loop
 // for ever, so that counts as a failure of the walk.  The caller frees `*buffer`.

@@ -5,7 +5,7 @@
 
 namespace zelsocket {
 
-UvTcpRecv::~UvTcpRecv() { ZS_DCHECK(m_ctx == nullptr); }
+UvTcpRecv::~UvTcpRecv() { ZS_DCHECK(m_ctx == nullptr && m_reading == nullptr); }
 
 int UvTcpRecv::Recv(uv_stream_t* handle, IMutableBuffer* buffer, void* ctx, ITcpSink* sink) {
   if (!handle || !buffer || !sink) return -1;
@@ -15,14 +15,14 @@ int UvTcpRecv::Recv(uv_stream_t* handle, IMutableBuffer* buffer, void* ctx, ITcp
   }
   auto* rec = new TcpRecvCtx();
   rec->self = this;
-  rec->anchor.Attach(new CallbackAnchor<UvTcpRecv>(this, &UvTcpRecv::_OnRecv));
-  rec->handle = handle;
   rec->sink = sink;
   rec->buffer = buffer;
   rec->userCtx = ctx;
   // The callbacks find the op, and through it the record, from here on.
   handle->data = this;
   m_ctx = rec;
+  if (m_reading == handle) return 0;
+  if (m_reading) _StopReading();
   int rc = uv_read_start(handle, &UvTcpRecv::_AllocCallback, &UvTcpRecv::_RecvCallback);
   if (rc != 0) {
     LogInfo(tag::kOp, "UvTcpRecv::Recv, uv_read_start fail, err=%d, %s", rc, uv_strerror(rc));
@@ -30,16 +30,20 @@ int UvTcpRecv::Recv(uv_stream_t* handle, IMutableBuffer* buffer, void* ctx, ITcp
     delete rec;  // `this` is still held by the caller
     return rc;
   }
+  m_reading = handle;
   return 0;
 }
 
+void UvTcpRecv::_StopReading() {
+  if (!m_reading) return;
+  uv_read_stop(m_reading);
+  m_reading = nullptr;
+}
+
 void UvTcpRecv::Cancel() {
+  _StopReading();
   TcpRecvCtx* rec = m_ctx;
   if (!rec) return;
-  if (rec->handle) {
-    uv_read_stop(rec->handle);
-    rec->handle = nullptr;
-  }
   rec->sink = nullptr;
   rec->userCtx = nullptr;
   // Cleared before the record goes: its destruction may release the op itself.
@@ -51,6 +55,7 @@ void UvTcpRecv::_AllocCallback(uv_handle_t* handle, size_t suggested, uv_buf_t* 
   auto* op = static_cast<UvTcpRecv*>(handle->data);
   RefPtr<IMutableBuffer> buffer = op->m_ctx ? op->m_ctx->buffer : RefPtr<IMutableBuffer>();
   if (!buffer) {
+    // No receive armed: libuv answers UV_ENOBUFS, and reading stops there.
     *out = uv_buf_init(nullptr, 0);
     return;
   }
@@ -60,21 +65,25 @@ void UvTcpRecv::_AllocCallback(uv_handle_t* handle, size_t suggested, uv_buf_t* 
 }
 
 void UvTcpRecv::_RecvCallback(uv_stream_t* handle, ssize_t nread, const uv_buf_t* /*buf*/) {
-  // One shot: nothing more is taken from the system until the next Recv.
-  uv_read_stop(handle);
   auto* op = static_cast<UvTcpRecv*>(handle->data);
-  TcpRecvCtx* rec = op->m_ctx;
-  if (!rec) return;
-  rec->nread = nread;
-  // Delivered after this callback has returned.  If the loop refuses (it is
-  // stopping), the record stays until Cancel.
-  IOLoop* loop = IOLoop::GetLoop();
-  if (loop) loop->AsyncCall(rec->anchor, op);
+  if (nread < 0) {
+    // libuv has stopped reading after an end of stream or an error; a missing
+    // buffer stops it here.  A later receive starts it again.
+    op->_StopReading();
+    if (nread == UV_ENOBUFS && !op->m_ctx) return;
+  } else if (nread == 0) {
+    // Nothing to read after all (libuv hands the buffer back): the receive
+    // stays armed for the next bytes.
+    return;
+  }
+  op->_Deliver(nread);
 }
 
-void UvTcpRecv::_OnRecv(void* /*arg*/) {
+// Delivered from inside libuv's read callback, which allows the sink to arm
+// the next receive, cancel, or close the socket there.
+void UvTcpRecv::_Deliver(ssize_t nread) {
   TcpRecvCtx* rec = m_ctx;
-  // Idle before the report, so that the next read can be armed inside it.
+  // Idle before the report, so that the next receive can be armed inside it.
   m_ctx = nullptr;
   if (!rec) {
     LogError(tag::kOp, "UvTcpRecv::_OnRecv, ctx is NULL");
@@ -82,14 +91,12 @@ void UvTcpRecv::_OnRecv(void* /*arg*/) {
   }
   int status = 0;
   int length = 0;
-  if (rec->nread == UV_EOF) {
+  if (nread == UV_EOF) {
     status = 0;
-  } else if (rec->nread < 0) {
-    status = static_cast<int>(rec->nread);
-  } else if (rec->nread == 0) {
-    LogInfo(tag::kOp, "UvTcpRecv::_OnRecv, nread==0");
+  } else if (nread < 0) {
+    status = static_cast<int>(nread);
   } else {
-    length = static_cast<int>(rec->nread);
+    length = static_cast<int>(nread);
   }
   rec->buffer->Resize(length);
   rec->sink->OnRecv(status, rec->buffer, rec->userCtx);

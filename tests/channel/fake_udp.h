@@ -3,8 +3,6 @@
 #ifndef ZELSOCKET_TESTS_CHANNEL_FAKE_UDP_H
 #define ZELSOCKET_TESTS_CHANNEL_FAKE_UDP_H
 
-#include <initializer_list>
-
 #include "support/recorder.h"
 #include "zelsocket/channel_option.h"
 
@@ -12,7 +10,7 @@ namespace zstest {
 using namespace zelsocket;
 
 // One datagram per due entry, with these waits in milliseconds.
-inline RefPtr<IChannelSendOption> Schedule(std::initializer_list<int> intervals) {
+inline RefPtr<IChannelSendOption> Schedule(const std::vector<int>& intervals) {
   RefPtr<IChannelSendOption> o;
   CreateChannelSendOption(o);
   o->SetPacketPerSend(1);

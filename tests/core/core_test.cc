@@ -95,5 +95,23 @@ TEST(Log, MessagesAreCutTo2047CharactersAndWideStringsPrintAsUtf8) {
   EXPECT_EQ(lines[1].message, "\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80[   ab|c   |4000000000]");
 }
 
+// The log formats by hand (for %S); each row is a conversion or a code point at
+// an encoding boundary that a hand-written formatter gets wrong.
+TEST(Log, SizedConversionsAndUtf8Boundaries) {
+  zstest::LogRecorder log;
+  const std::ptrdiff_t diff = -5;
+  LogInfo(tag::kUdp, "%S%zd|%td|%zu|%jd", L"", static_cast<std::ptrdiff_t>(-3), diff, std::size_t{7},
+          static_cast<std::intmax_t>(-9));
+  LogInfo(tag::kUdp, "%S", L"\u007f\u0080\u07ff\u0800\uffff");
+  const wchar_t pair[] = {static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00), 0};
+  LogInfo(tag::kUdp, "%S", pair);
+  auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].message, "-3|-5|7|-9");
+  EXPECT_EQ(lines[1].message, "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf");
+  // UTF-16 joins a surrogate pair; in UTF-32 each half is an invalid code point.
+  EXPECT_EQ(lines[2].message, sizeof(wchar_t) == 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd\xef\xbf\xbd");
+}
+
 }  // namespace
 }  // namespace zelsocket

@@ -11,6 +11,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+# The installed tool finds the library on its own, wherever the prefix is.
+env -u LD_LIBRARY_PATH "$work/prefix/bin/udp_request" --short --count 3 | grep -qE "^answered [0-9]+, timed out"
 
 cmake -S "$source_dir/tests/package" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" \
   -DEXAMPLES_DIR="$source_dir/examples" >/dev/null

@@ -1,0 +1,729 @@
+// The hop onto the loop thread, path by path, each beside what a careful
+// hand-written libuv program does in the same binary:
+//   Post     IOLoop::AsyncCall from an application thread vs a mutex queue
+//            drained whole per wake-up (and one item per wake-up);
+//   UdpSend  IUdp::Send from an application thread vs that queue feeding one
+//            uv_udp_send in flight;
+//   Ping     TCP ping-pong, one 16-byte message outstanding, the sink sending
+//            again from OnRecv, with the system calls of the loop thread per
+//            round trip (bench/syscall_count.cc);
+//   Window   a channel with 32 requests outstanding, each answered and
+//            cancelled, vs the same traffic on a bare IUdp;
+//   Arm      arming 100,000 Timers vs uv_timer_start on 100,000 uv_timer_t.
+// Arguments of the Post and Ping cases: 0 unpinned, 1 both threads on CPU 0,
+// 2 the caller (or the echoing peer) on CPU 0 and the loop on CPU 1.  Run with
+//   --benchmark_repetitions=7 --benchmark_enable_random_interleaving=true
+// and compare medians.
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <uv.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "bench_support.h"
+#include "zelsocket/buffer.h"
+#include "zelsocket/channel.h"
+#include "zelsocket/io_loop.h"
+#include "zelsocket/sync.h"
+#include "zelsocket/tcp.h"
+#include "zelsocket/timer.h"
+#include "zelsocket/udp.h"
+
+extern "C" void zsbench_CountSyscallsOnThisThread(bool on);
+extern "C" long zsbench_SyscallCount();
+
+using namespace zelsocket;
+
+namespace {
+
+// ---- helpers ----------------------------------------------------------------
+
+void PinThisThread(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (cpu < 0) {
+    for (int i = 0; i < CPU_SETSIZE; ++i) CPU_SET(i, &set);
+  } else {
+    CPU_SET(cpu, &set);
+  }
+  pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
+
+// Placement of (caller, loop) for the argument of a Post case.
+void Placement(int mode, int& caller, int& loop) {
+  caller = loop = -1;
+  if (mode == 1) caller = loop = 0;
+  if (mode == 2) {
+    caller = 0;
+    loop = 1;
+  }
+}
+
+void Report(benchmark::State& state, long ops, double seconds, double cpu) {
+  state.counters["ops_per_s"] = ops / seconds;
+  state.counters["cpu_us_per_op"] = ops ? cpu * 1e6 / ops : 0;
+  state.SetItemsProcessed(ops);
+}
+
+int UdpSinkSocket(IPEndPoint& address) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(fd, reinterpret_cast<sockaddr*>(&a), len);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  address = IPEndPoint(reinterpret_cast<sockaddr*>(&a));
+  return fd;
+}
+
+RefPtr<IMutableBuffer> Bytes(int size, char fill) {
+  RefPtr<IMutableBuffer> b;
+  CreateBuffer(b);
+  std::vector<char> bytes(static_cast<std::size_t>(size), fill);
+  b->CopyFrom(bytes.data(), size);
+  return b;
+}
+
+// ---- Post -------------------------------------------------------------------
+
+constexpr int kPosts = 20000;
+
+enum PostImpl { kOurs, kRawDrain, kRawOne };
+
+void Post(benchmark::State& state, PostImpl impl) {
+  int callerCpu, loopCpu;
+  Placement(static_cast<int>(state.range(0)), callerCpu, loopCpu);
+  std::unique_ptr<IOLoop> loop;
+  std::unique_ptr<zsbench::RawLoop> raw;
+  Semaphore pinned;
+  if (impl == kOurs) {
+    loop.reset(new IOLoop());
+    loop->Start();
+    loop->SyncCall([loopCpu] { PinThisThread(loopCpu); });
+  } else {
+    raw.reset(new zsbench::RawLoop(impl == kRawDrain ? zsbench::RawLoop::Mode::kDrain
+                                                     : zsbench::RawLoop::Mode::kOnePerWakeup));
+    raw->Post([&pinned, loopCpu] {
+      PinThisThread(loopCpu);
+      pinned.Post();
+    });
+    pinned.Wait();
+  }
+  PinThisThread(callerCpu);
+  std::atomic<int> ran{0};
+  Semaphore done;
+  auto target = [&ran, &done] {
+    if (ran.fetch_add(1, std::memory_order_relaxed) + 1 == kPosts) done.Post();
+  };
+  double cpu = 0, seconds = 0;
+  for (auto _ : state) {
+    ran = 0;
+    double cpu0 = zsbench::ProcessCpuSeconds();
+    auto t0 = std::chrono::steady_clock::now();
+    for (int i = 0; i < kPosts; ++i) {
+      if (loop) loop->AsyncCall(target);
+      else raw->Post(target);
+    }
+    done.Wait();
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    cpu += zsbench::ProcessCpuSeconds() - cpu0;
+  }
+  PinThisThread(-1);
+  Report(state, static_cast<long>(state.iterations()) * kPosts, seconds, cpu);
+  if (loop) loop->Stop();
+}
+
+void BM_Post_Ours(benchmark::State& s) { Post(s, kOurs); }
+void BM_Post_RawDrain(benchmark::State& s) { Post(s, kRawDrain); }
+void BM_Post_RawOnePerWakeup(benchmark::State& s) { Post(s, kRawOne); }
+
+// ---- UdpSend ----------------------------------------------------------------
+
+constexpr long kDatagrams = 20000;
+constexpr long kUdpWindow = 64;  // datagrams handed over and not yet reported
+constexpr int kUdpBytes = 64;
+
+class SendCounter : public RefCountBase, public IUdpSink {
+ public:
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnSend(int status, IConstBuffer*, const IPEndPoint&, void*) override {
+    if (status != 0) failed.fetch_add(1, std::memory_order_relaxed);
+    reported.fetch_add(1, std::memory_order_release);
+  }
+  void OnRecv(int, IMutableBuffer*, const IPEndPoint&, void*) override {}
+  std::atomic<long> reported{0};
+  std::atomic<long> failed{0};
+};
+
+void BM_UdpSend_Ours(benchmark::State& state) {
+  IPEndPoint dest;
+  int fd = UdpSinkSocket(dest);
+  IOLoop loop;
+  loop.Start();
+  RefPtr<IUdp> udp;
+  CreateUdp(udp, &loop);
+  RefPtr<SendCounter> sink;
+  sink.Attach(new SendCounter());
+  udp->SetSink(sink);
+  udp->Open(IPEndPoint(IPAddress::Loopback, 0));
+  RefPtr<IMutableBuffer> out = Bytes(kUdpBytes, 'u');
+  double cpu = 0, seconds = 0;
+  long total = 0;
+  for (auto _ : state) {
+    long base = sink->reported.load();
+    double cpu0 = zsbench::ProcessCpuSeconds();
+    auto t0 = std::chrono::steady_clock::now();
+    for (long sent = 0; sent < kDatagrams; ++sent) {
+      while (sent - (sink->reported.load(std::memory_order_acquire) - base) >= kUdpWindow) std::this_thread::yield();
+      udp->Send(out, dest, nullptr);
+    }
+    while (sink->reported.load(std::memory_order_acquire) - base < kDatagrams) std::this_thread::yield();
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    cpu += zsbench::ProcessCpuSeconds() - cpu0;
+    total += kDatagrams;
+  }
+  if (sink->failed.load()) state.SkipWithError("sends failed");
+  Report(state, total, seconds, cpu);
+  udp->Close();
+  udp = nullptr;
+  loop.Stop();
+  close(fd);
+}
+
+// The hand-written equivalent: the application thread queues a datagram for
+// the loop (a mutex queue drained whole per wake-up), and the loop keeps one
+// uv_udp_send in flight, starting the next from the completion.
+struct RawUdpSender {
+  uv_udp_t udp;
+  uv_udp_send_t req;
+  sockaddr_in dest;
+  std::deque<RefPtr<IConstBuffer>> queue;
+  bool busy = false;
+  std::atomic<long> reported{0};
+
+  void Push(const RefPtr<IConstBuffer>& b) {
+    queue.push_back(b);
+    Next();
+  }
+  void Next() {
+    if (busy || queue.empty()) return;
+    RefPtr<IConstBuffer> b = queue.front();
+    queue.pop_front();
+    uv_buf_t buf = uv_buf_init(const_cast<char*>(reinterpret_cast<const char*>(b->GetBuf())),
+                               static_cast<unsigned>(b->GetLength()));
+    req.data = this;
+    busy = true;
+    uv_udp_send(&req, &udp, &buf, 1, reinterpret_cast<const sockaddr*>(&dest), [](uv_udp_send_t* r, int) {
+      auto* self = static_cast<RawUdpSender*>(r->data);
+      self->busy = false;
+      self->reported.fetch_add(1, std::memory_order_release);
+      self->Next();
+    });
+  }
+};
+
+void BM_UdpSend_Raw(benchmark::State& state) {
+  IPEndPoint dest;
+  int fd = UdpSinkSocket(dest);
+  zsbench::RawLoop raw(zsbench::RawLoop::Mode::kDrain);
+  RawUdpSender sender;
+  std::memcpy(&sender.dest, dest.GetSockAddr(), sizeof sender.dest);
+  Semaphore ready;
+  raw.Post([&] {
+    uv_udp_init(raw.Loop(), &sender.udp);
+    sockaddr_in local{};
+    uv_ip4_addr("127.0.0.1", 0, &local);
+    uv_udp_bind(&sender.udp, reinterpret_cast<const sockaddr*>(&local), 0);
+    ready.Post();
+  });
+  ready.Wait();
+  RefPtr<IConstBuffer> out(Bytes(kUdpBytes, 'u').Get());
+  double cpu = 0, seconds = 0;
+  long total = 0;
+  for (auto _ : state) {
+    long base = sender.reported.load();
+    double cpu0 = zsbench::ProcessCpuSeconds();
+    auto t0 = std::chrono::steady_clock::now();
+    for (long sent = 0; sent < kDatagrams; ++sent) {
+      while (sent - (sender.reported.load(std::memory_order_acquire) - base) >= kUdpWindow) std::this_thread::yield();
+      raw.Post([&sender, out] { sender.Push(out); });
+    }
+    while (sender.reported.load(std::memory_order_acquire) - base < kDatagrams) std::this_thread::yield();
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    cpu += zsbench::ProcessCpuSeconds() - cpu0;
+    total += kDatagrams;
+  }
+  Report(state, total, seconds, cpu);
+  raw.Post([&] {
+    uv_close(reinterpret_cast<uv_handle_t*>(&sender.udp), nullptr);
+    ready.Post();
+  });
+  ready.Wait();
+  close(fd);
+}
+
+// ---- Ping -------------------------------------------------------------------
+
+constexpr int kPingBytes = 16;
+constexpr int kRounds = 2000;
+
+// Echoes a TCP stream on its own thread.
+class EchoServer {
+ public:
+  explicit EchoServer(int cpu) {
+    m_listen = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(m_listen, reinterpret_cast<sockaddr*>(&a), len);
+    listen(m_listen, 4);
+    getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len);
+    m_port = ntohs(a.sin_port);
+    m_thread = std::thread([this, cpu] {
+      PinThisThread(cpu);
+      int c = accept(m_listen, nullptr, nullptr);
+      if (c < 0) return;
+      char buf[4096];
+      for (;;) {
+        ssize_t r = recv(c, buf, sizeof buf, 0);
+        if (r <= 0 || send(c, buf, static_cast<size_t>(r), MSG_NOSIGNAL) != r) break;
+      }
+      close(c);
+    });
+  }
+  ~EchoServer() {
+    m_thread.join();
+    close(m_listen);
+  }
+  unsigned short Port() const { return m_port; }
+
+ private:
+  int m_listen;
+  unsigned short m_port = 0;
+  std::thread m_thread;
+};
+
+class PingSink : public RefCountBase, public ITcpSink {
+ public:
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnConnect(int status, const IPEndPoint&, void*) override { connected.set_value(status); }
+  void OnSend(int, IConstBuffer*, void*) override {}
+  void OnRecv(int status, IMutableBuffer* b, void*) override {
+    if (status != 0 || b->GetLength() == 0) {
+      rounds = -1;
+      done.Post();
+      return;
+    }
+    got += b->GetLength();
+    if (got < kPingBytes) {
+      tcp->Recv(pong, nullptr);
+      return;
+    }
+    got = 0;
+    if (++rounds == kRounds) {
+      done.Post();
+      return;
+    }
+    tcp->Send(ping, nullptr);
+    tcp->Recv(pong, nullptr);
+  }
+  std::promise<int> connected;
+  ITcp* tcp = nullptr;
+  RefPtr<IMutableBuffer> ping, pong;
+  int rounds = 0, got = 0;
+  Semaphore done;
+};
+
+void BM_Ping_Ours(benchmark::State& state) {
+  int peerCpu, loopCpu;
+  Placement(static_cast<int>(state.range(0)), peerCpu, loopCpu);
+  EchoServer server(peerCpu);
+  IOLoop loop;
+  loop.Start();
+  loop.SyncCall([loopCpu] { PinThisThread(loopCpu); });
+  RefPtr<ITcp> tcp;
+  CreateTcp(tcp, &loop);
+  RefPtr<PingSink> sink;
+  sink.Attach(new PingSink());
+  sink->tcp = tcp;
+  sink->ping = Bytes(kPingBytes, 'p');
+  CreateBuffer(sink->pong);
+  tcp->SetSink(sink);
+  auto connected = sink->connected.get_future();
+  tcp->Connect(IPEndPoint("127.0.0.1", server.Port()), nullptr);
+  if (connected.get() != 0) {
+    state.SkipWithError("connect failed");
+  } else {
+    loop.SyncCall([] { zsbench_CountSyscallsOnThisThread(true); });
+    long calls = 0, rounds = 0;
+    double cpu = 0, seconds = 0;
+    for (auto _ : state) {
+      sink->rounds = 0;
+      long c0 = zsbench_SyscallCount();
+      double cpu0 = zsbench::ProcessCpuSeconds();
+      auto t0 = std::chrono::steady_clock::now();
+      tcp->Send(sink->ping, nullptr);
+      tcp->Recv(sink->pong, nullptr);
+      sink->done.Wait();
+      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      cpu += zsbench::ProcessCpuSeconds() - cpu0;
+      calls += zsbench_SyscallCount() - c0;
+      if (sink->rounds != kRounds) state.SkipWithError("round trips lost");
+      rounds += kRounds;
+    }
+    loop.SyncCall([] { zsbench_CountSyscallsOnThisThread(false); });
+    Report(state, rounds, seconds, cpu);
+    state.counters["loop_syscalls_per_rt"] = rounds ? static_cast<double>(calls) / rounds : 0;
+  }
+  tcp->Close();
+  tcp = nullptr;
+  loop.Stop();
+}
+
+struct RawPing {
+  uv_loop_t loop;
+  uv_tcp_t tcp;
+  uv_connect_t connect;
+  uv_write_t req;
+  char ping[kPingBytes];
+  char pong[65536];
+  int rounds = 0, got = 0;
+  bool ok = false;
+
+  void Write() {
+    uv_buf_t buf = uv_buf_init(ping, kPingBytes);
+    uv_write(&req, reinterpret_cast<uv_stream_t*>(&tcp), &buf, 1, [](uv_write_t*, int) {});
+  }
+  static void OnRead(uv_stream_t* s, ssize_t n, const uv_buf_t*) {
+    auto* self = static_cast<RawPing*>(s->data);
+    if (n < 0) {
+      uv_read_stop(s);
+      return;
+    }
+    self->got += static_cast<int>(n);
+    if (self->got < kPingBytes) return;
+    self->got = 0;
+    if (++self->rounds == kRounds) {
+      uv_read_stop(s);
+      return;
+    }
+    self->Write();
+  }
+};
+
+// The raw client runs its loop on the benchmark thread, which is then the
+// loop thread whose system calls count.
+void BM_Ping_Raw(benchmark::State& state) {
+  int peerCpu, loopCpu;
+  Placement(static_cast<int>(state.range(0)), peerCpu, loopCpu);
+  EchoServer server(peerCpu);
+  PinThisThread(loopCpu);
+  RawPing c;
+  std::memset(c.ping, 'p', sizeof c.ping);
+  uv_loop_init(&c.loop);
+  uv_tcp_init(&c.loop, &c.tcp);
+  c.tcp.data = &c;
+  c.connect.data = &c;
+  sockaddr_in a;
+  uv_ip4_addr("127.0.0.1", server.Port(), &a);
+  uv_tcp_connect(&c.connect, &c.tcp, reinterpret_cast<sockaddr*>(&a),
+                 [](uv_connect_t* r, int status) { static_cast<RawPing*>(r->data)->ok = status == 0; });
+  uv_run(&c.loop, UV_RUN_DEFAULT);
+  if (!c.ok) {
+    state.SkipWithError("connect failed");
+  } else {
+    long calls = 0, rounds = 0;
+    double cpu = 0, seconds = 0;
+    for (auto _ : state) {
+      c.rounds = 0;
+      zsbench_CountSyscallsOnThisThread(true);
+      long c0 = zsbench_SyscallCount();
+      double cpu0 = zsbench::ProcessCpuSeconds();
+      auto t0 = std::chrono::steady_clock::now();
+      uv_read_start(
+          reinterpret_cast<uv_stream_t*>(&c.tcp),
+          [](uv_handle_t* h, size_t, uv_buf_t* out) {
+            auto* self = static_cast<RawPing*>(h->data);
+            *out = uv_buf_init(self->pong, sizeof self->pong);
+          },
+          &RawPing::OnRead);
+      c.Write();
+      uv_run(&c.loop, UV_RUN_DEFAULT);
+      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      cpu += zsbench::ProcessCpuSeconds() - cpu0;
+      calls += zsbench_SyscallCount() - c0;
+      zsbench_CountSyscallsOnThisThread(false);
+      if (c.rounds != kRounds) state.SkipWithError("round trips lost");
+      rounds += kRounds;
+    }
+    Report(state, rounds, seconds, cpu);
+    state.counters["loop_syscalls_per_rt"] = rounds ? static_cast<double>(calls) / rounds : 0;
+  }
+  uv_close(reinterpret_cast<uv_handle_t*>(&c.tcp), nullptr);
+  uv_run(&c.loop, UV_RUN_DEFAULT);
+  uv_loop_close(&c.loop);
+  PinThisThread(-1);
+}
+
+// ---- Window -----------------------------------------------------------------
+
+constexpr int kWindow = 32;
+constexpr int kRequests = 20000;
+
+// Echoes every datagram, on a thread of its own.
+class UdpEcho {
+ public:
+  UdpEcho() {
+    m_fd = UdpSinkSocket(m_address);
+    int size = 4 << 20;
+    setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    m_thread = std::thread([this] {
+      unsigned char buf[2048];
+      while (!m_stop.load()) {
+        pollfd p{m_fd, POLLIN, 0};
+        if (poll(&p, 1, 20) != 1) continue;
+        for (;;) {
+          sockaddr_storage from{};
+          socklen_t flen = sizeof from;
+          ssize_t n = recvfrom(m_fd, buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &flen);
+          if (n <= 0) break;
+          sendto(m_fd, buf, static_cast<size_t>(n), 0, reinterpret_cast<sockaddr*>(&from), flen);
+        }
+      }
+    });
+  }
+  ~UdpEcho() {
+    m_stop = true;
+    m_thread.join();
+    close(m_fd);
+  }
+  const IPEndPoint& Address() const { return m_address; }
+
+ private:
+  int m_fd;
+  IPEndPoint m_address;
+  std::atomic<bool> m_stop{false};
+  std::thread m_thread;
+};
+
+// Request i carries i in its first four bytes; the answer brings it back.
+RefPtr<IConstBuffer> Request(std::uint32_t i) {
+  char bytes[32] = {};
+  std::memcpy(bytes, &i, sizeof i);
+  RefPtr<IMutableBuffer> b;
+  CreateBuffer(b);
+  b->CopyFrom(bytes, sizeof bytes);
+  return RefPtr<IConstBuffer>(b.Get());
+}
+
+class WindowChannelSink : public IChannelSink, public RefCountBase {
+ public:
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnConnect(int status) override { connected.set_value(status); }
+  void OnSend(unsigned int, IConstBuffer*, const IPEndPoint&) override {}
+  void OnRecv(unsigned char* data, int length, const IPEndPoint&) override {
+    if (length < 4) return;
+    std::uint32_t i;
+    std::memcpy(&i, data, sizeof i);
+    // The cookie is stored right after Send returns on the sending thread.
+    unsigned int cookie;
+    while ((cookie = cookies[i].load(std::memory_order_acquire)) == 0) std::this_thread::yield();
+    channel->CancelSend(cookie, nullptr, nullptr);
+    answered.fetch_add(1, std::memory_order_release);
+  }
+  void OnTimeout(unsigned int, int) override { timedOut.fetch_add(1); }
+  void OnClose() override {}
+  IChannel* channel = nullptr;
+  std::promise<int> connected;
+  std::unique_ptr<std::atomic<unsigned int>[]> cookies;
+  std::atomic<long> answered{0};
+  std::atomic<long> timedOut{0};
+};
+
+void BM_Window_Channel(benchmark::State& state) {
+  UdpEcho echo;
+  IOLoop loop;
+  loop.Start();
+  RefPtr<IChannel> channel;
+  CreateUdpChannel(channel, &loop);
+  RefPtr<WindowChannelSink> sink;
+  sink.Attach(new WindowChannelSink());
+  sink->channel = channel;
+  channel->SetSink(sink);
+  auto connected = sink->connected.get_future();
+  channel->Connect("127.0.0.1", echo.Address().GetPort(), nullptr);
+  if (connected.get() != 0) {
+    state.SkipWithError("connect failed");
+  } else {
+    RefPtr<IChannelSendOption> option;
+    CreateChannelSendOption(option);
+    option->SetDefaultForUdp();
+    std::vector<RefPtr<IConstBuffer>> requests;
+    for (int i = 0; i < kRequests; ++i) requests.push_back(Request(static_cast<std::uint32_t>(i)));
+    double cpu = 0, seconds = 0;
+    long total = 0;
+    for (auto _ : state) {
+      sink->cookies.reset(new std::atomic<unsigned int>[kRequests]());
+      long base = sink->answered.load();
+      double cpu0 = zsbench::ProcessCpuSeconds();
+      auto t0 = std::chrono::steady_clock::now();
+      for (int i = 0; i < kRequests; ++i) {
+        while (i - (sink->answered.load(std::memory_order_acquire) - base) >= kWindow) std::this_thread::yield();
+        unsigned int cookie = 0;
+        channel->Send(requests[static_cast<std::size_t>(i)], option, cookie);
+        sink->cookies[static_cast<std::size_t>(i)].store(cookie, std::memory_order_release);
+      }
+      while (sink->answered.load(std::memory_order_acquire) - base < kRequests) std::this_thread::yield();
+      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      cpu += zsbench::ProcessCpuSeconds() - cpu0;
+      total += kRequests;
+    }
+    Report(state, total, seconds, cpu);
+  }
+  channel->Close();
+  channel = nullptr;
+  loop.Stop();
+}
+
+class WindowUdpSink : public IUdpSink, public RefCountBase {
+ public:
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnSend(int, IConstBuffer*, const IPEndPoint&, void*) override {}
+  void OnRecv(int status, IMutableBuffer* b, const IPEndPoint&, void*) override {
+    if (status == 0 && b->GetLength() >= 4) answered.fetch_add(1, std::memory_order_release);
+  }
+  std::atomic<long> answered{0};
+};
+
+void BM_Window_BareUdp(benchmark::State& state) {
+  UdpEcho echo;
+  IOLoop loop;
+  loop.Start();
+  RefPtr<IUdp> udp;
+  CreateUdp(udp, &loop);
+  RefPtr<WindowUdpSink> sink;
+  sink.Attach(new WindowUdpSink());
+  udp->SetSink(sink);
+  udp->Open(IPEndPoint(IPAddress::Loopback, 0));
+  Buffer recv;
+  udp->StartRecv(recv, nullptr);
+  std::vector<RefPtr<IConstBuffer>> requests;
+  for (int i = 0; i < kRequests; ++i) requests.push_back(Request(static_cast<std::uint32_t>(i)));
+  double cpu = 0, seconds = 0;
+  long total = 0;
+  for (auto _ : state) {
+    long base = sink->answered.load();
+    double cpu0 = zsbench::ProcessCpuSeconds();
+    auto t0 = std::chrono::steady_clock::now();
+    for (int i = 0; i < kRequests; ++i) {
+      while (i - (sink->answered.load(std::memory_order_acquire) - base) >= kWindow) std::this_thread::yield();
+      udp->Send(requests[static_cast<std::size_t>(i)], echo.Address(), nullptr);
+    }
+    while (sink->answered.load(std::memory_order_acquire) - base < kRequests) std::this_thread::yield();
+    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    cpu += zsbench::ProcessCpuSeconds() - cpu0;
+    total += kRequests;
+  }
+  Report(state, total, seconds, cpu);
+  udp->Close();
+  udp = nullptr;
+  loop.Stop();
+}
+
+// ---- Arm --------------------------------------------------------------------
+
+constexpr int kTimers = 100000;
+
+// The timers exist before the clock starts, on both sides: only arming counts.
+void BM_Arm_Timer(benchmark::State& state) {
+  IOLoop loop;
+  loop.Start();
+  double seconds = 0;
+  long total = 0;
+  for (auto _ : state) {
+    std::vector<std::unique_ptr<Timer>> timers;
+    loop.SyncCall([&] {
+      timers.reserve(kTimers);
+      for (int i = 0; i < kTimers; ++i) timers.emplace_back(new Timer(&loop));
+    });
+    double elapsed = 0;
+    loop.SyncCall([&] {
+      auto t0 = std::chrono::steady_clock::now();
+      for (auto& t : timers) t->SetTimeout(3600 * 1000, 0, [] {});
+      elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    });
+    seconds += elapsed;
+    total += kTimers;
+    state.SetIterationTime(elapsed);
+    loop.SyncCall([&] { timers.clear(); });
+  }
+  state.counters["ns_per_arm"] = seconds * 1e9 / total;
+  loop.Stop();
+}
+
+// Each uv_timer_t is a heap block of its own, as a timer inside an object of
+// its own would be (each Timer is one too).
+void BM_Arm_Raw(benchmark::State& state) {
+  zsbench::RawLoop raw(zsbench::RawLoop::Mode::kDrain);
+  double seconds = 0;
+  long total = 0;
+  for (auto _ : state) {
+    std::vector<std::unique_ptr<uv_timer_t>> timers;
+    Semaphore done;
+    double elapsed = 0;
+    raw.Post([&] {
+      timers.reserve(kTimers);
+      for (int i = 0; i < kTimers; ++i) {
+        timers.emplace_back(new uv_timer_t);
+        uv_timer_init(raw.Loop(), timers.back().get());
+      }
+      auto t0 = std::chrono::steady_clock::now();
+      for (auto& t : timers) uv_timer_start(t.get(), [](uv_timer_t*) {}, 3600 * 1000, 0);
+      elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      for (auto& t : timers) uv_close(reinterpret_cast<uv_handle_t*>(t.get()), nullptr);
+      done.Post();
+    });
+    done.Wait();
+    // The closes finish on the loop's next turn, before the blocks go.
+    raw.Post([&] { done.Post(); });
+    done.Wait();
+    seconds += elapsed;
+    total += kTimers;
+    state.SetIterationTime(elapsed);
+  }
+  state.counters["ns_per_arm"] = seconds * 1e9 / total;
+}
+
+}  // namespace
+
+BENCHMARK(BM_Post_Ours)->Arg(0)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Post_RawDrain)->Arg(0)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Post_RawOnePerWakeup)->Arg(0)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UdpSend_Ours)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UdpSend_Raw)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ping_Ours)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ping_Raw)->Arg(0)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Window_Channel)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Window_BareUdp)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Arm_Timer)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Arm_Raw)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+ZSBENCH_MAIN()
