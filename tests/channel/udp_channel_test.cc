@@ -1,5 +1,5 @@
-// The channel over a scripted socket, then over real sockets against dnsmasq,
-// on loopback and by name in a namespace of its own.
+// The channel over a scripted socket, then over real sockets: dnsmasq on
+// loopback and by name in a namespace of its own, and a closed port.
 #include <gtest/gtest.h>
 
 #include "channel/fake_udp.h"
