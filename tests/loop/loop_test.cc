@@ -284,8 +284,9 @@ TEST_F(LoopTest, TimerReplacedCancelledOrDestroyedAnywhere) {
   auto token = std::make_shared<int>();
   bool runningInside = false;
   replaced.SetTimeout(30, 0, [&] { fired += 1000; });
-  auto armed = Clock::now();  // the call due at 30 must not run the new function early
-  replaced.SetTimeout(150, 0, [&] { fired += Clock::now() - armed >= std::chrono::milliseconds(150) ? 1 : 1000; });
+  // The call due at 30 must not run the new function early (1 ms: the tick is whole ms).
+  auto armed = Clock::now();
+  replaced.SetTimeout(150, 0, [&] { fired += Clock::now() - armed >= std::chrono::milliseconds(149) ? 1 : 1000; });
   cancelled.SetTimeout(30, 0, [&] { fired += 1000; });
   cancelled.Cancel();
   repeating.SetTimeout(0, 20, [&] { runningInside = repeating.IsRunning(); if (++ticks == 3) repeating.Cancel(); });
