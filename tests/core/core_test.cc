@@ -1,116 +1,99 @@
-// Reference counting, cookies and the log: the pieces every other object uses.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "core/logging.h"
 #include "support/test_support.h"
-#include "zelsocket/ref_count.h"
+#include "zelsocket/buffer.h"
 #include "zelsocket/sync.h"
 
 namespace zelsocket {
 namespace {
 
+const char kBytes[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+
+// Reserve/reSize/Append/CopyFrom n, result, length, capacity: 16 at least, Append doubles, shrinks keep it.
+struct Step { char op; int n; bool ok; int length, capacity; };
+const std::vector<std::vector<Step>> kCases = {
+    {{'R', 1, 1, 0, 16}, {'R', 17, 1, 0, 17}, {'R', 5, 1, 0, 17}}, {{'R', 0, 1, 0, 16}}, {{'A', 1, 1, 1, 16}},
+    {{'S', 5, 1, 5, 16}, {'S', 0, 1, 0, 16}}, {{'S', 8, 1, 8, 16}, {'A', (1 << 30) - 4, 0, 8, 16}},
+    {{'A', 0, 1, 0, 0}, {'A', 10, 1, 10, 20}, {'A', 10, 1, 20, 20}, {'A', 1, 1, 21, 42}},
+    {{'C', 8, 1, 8, 16}, {'C', 0, 1, 8, 16}, {'C', 3, 1, 3, 16}}};
+
+TEST(Buffer, GrowthPolicyBytesCopiesAndOrder) {
+  for (const auto& steps : kCases) {
+    Buffer b;
+    for (const Step& s : steps) {
+      bool ok = s.op == 'R' ? b.Reserve(s.n) : s.op == 'S' ? b.Resize(s.n)
+                : s.op == 'A' ? b.Append(kBytes, s.n) : b.CopyFrom(kBytes, s.n);
+      EXPECT_TRUE(ok == s.ok && b.GetLength() == s.length && b.GetCapacity() == s.capacity) << s.op << s.n;
+    }
+  }
+  Buffer b, assigned, empty;
+  ASSERT_TRUE(b.Reserve(500) && b.Append(kBytes, 10) && b.Resize(4) && b.Resize(10) && b.Append(kBytes + 10, 20));
+  Buffer copy(b);
+  assigned = b;
+  b.GetBuf()[0] = 'X';
+  assigned = static_cast<Buffer&>(assigned);
+  EXPECT_TRUE(!copy.Compare(kBytes, 30) && !assigned.Compare(kBytes, 30) && copy.GetCapacity() == 30);
+  copy = empty;
+  EXPECT_TRUE(copy.IsEmpty() && static_cast<IMutableBuffer*>(copy)->IsEmpty() && !Buffer(empty).GetBuf());
+  b.CopyFrom("abc", 3);  // by length first, then by bytes
+  EXPECT_EQ(b.Compare("aaaaa", 5), -2);
+  EXPECT_TRUE(b.Compare("abd", 3) < 0 && b.Compare("abb", 3) > 0 && !Buffer().Compare(nullptr, 0));
+}
+
 std::atomic<int> g_destroyed{0};
+struct Counted : RefCount { ~Counted() override { ++g_destroyed; } };
 
-class Counted : public RefCount {
- public:
-  ~Counted() override { ++g_destroyed; }
-};
-
-TEST(RefCount, ConcurrentReleasesDeleteExactlyOnce) {
-  g_destroyed = 0;
+TEST(RefCount, ConcurrentReleasesDeleteOnceCookiesNeverRepeatAndRefPtrsKeepTheirReference) {
+  CookieMgr cookies, nearWrap(4294967294u);
+  std::vector<std::vector<unsigned>> got(8);
   for (int round = 0; round < 50; ++round) {
     auto* object = new Counted();
     for (int i = 0; i < 7; ++i) object->AddRef();
     std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) threads.emplace_back([object] { object->Release(); });
+    for (auto& mine : got)
+      threads.emplace_back([&, object] {
+        object->Release();
+        for (int i = 0; i < 50; ++i) mine.push_back(cookies.GetCookie());
+      });
     for (auto& t : threads) t.join();
   }
-  EXPECT_EQ(g_destroyed, 50);
-  volatile int value = 5;
-  EXPECT_EQ(AtomicAdd(&value, -2), 3);  // the value after the addition
-}
-
-TEST(RefPtr, SelfAssignmentKeepsAndAttachAdoptsTheReference) {
-  g_destroyed = 0;
-  auto* object = new Counted();  // count 1, ours
-  {
-    RefPtr<Counted> a(object);
-    RefPtr<Counted> b(a);
-    b = object;  // the held pointer again: must not drop to zero on the way
-    b = nullptr;
-    EXPECT_EQ(object->AddRef(), 3);  // ours, a's, this one
-    object->Release();
-  }
-  RefPtr<Counted> owner;
-  owner.Attach(object);  // takes over our reference without adding one
-  owner = nullptr;
-  EXPECT_EQ(g_destroyed, 1);
-}
-
-TEST(CookieMgr, CountsFromOneSkipsZeroOnWrapAndNeverRepeatsAcrossThreads) {
-  CookieMgr nearWrap(4294967294u);
-  EXPECT_EQ(nearWrap.GetCookie(), 4294967295u);
-  EXPECT_EQ(nearWrap.GetCookie(), 1u);
-  CookieMgr cookies;
-  std::vector<std::vector<unsigned>> got(4);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 5000; ++i) got[t].push_back(cookies.GetCookie());
-    });
-  for (auto& th : threads) th.join();
+  EXPECT_EQ(g_destroyed.exchange(0), 50);
   std::set<unsigned> all;
   for (auto& v : got) all.insert(v.begin(), v.end());
-  EXPECT_EQ(all.size(), 20000u);
-  EXPECT_EQ(*all.begin(), 1u);
-  EXPECT_EQ(*all.rbegin(), 20000u);
+  EXPECT_TRUE(all.size() == 20000u && *all.begin() == 1u && *all.rbegin() == 20000u);
+  EXPECT_TRUE(nearWrap.GetCookie() == 4294967295u && nearWrap.GetCookie() == 1u);  // never 0
+  auto* object = new Counted();  // count 1, ours
+  RefPtr<Counted> a(object), b(a);
+  b = object;  // the held pointer again: must not drop to zero on the way
+  b = nullptr, a = nullptr;
+  EXPECT_EQ(g_destroyed, 0);
+  RefPtr<Counted>().Attach(object);
+  EXPECT_EQ(g_destroyed, 1);
+  EXPECT_FALSE(CreateBuffer(static_cast<IMutableBuffer**>(nullptr)));
 }
 
-TEST(Log, GoesToTheCallbackWithLevelAndTagElseBareToStandardOutput) {
+TEST(Log, CallbackGetsLevelTagAndFormattedTextElseBareLinesGoToStandardOutput) {
   testing::internal::CaptureStdout();
   {
     zstest::LogRecorder log;
-    LogDebug(tag::kTimer, "d=%d", 4);
-    LogError(tag::kAsync, "e");
-    EXPECT_TRUE(log.Has(LOG_LEVEL_DEBUG, "timer", "d=4"));
-    EXPECT_TRUE(log.Has(LOG_LEVEL_ERROR, "async", "e"));
+    LogDebug(tag::kTimer, "%s", std::string(3000, 'a').c_str());  // cut to 2047
+    const wchar_t pair[] = {static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00), 0};  // UTF-32: 2 invalid
+    LogError(tag::kUdp, "%S%S[%5S|%-4S|%u|%lld|%td|%zd|%zu|%jd]", L"\u007f\u0080\u07ff\u0800\uffff\U0001F600", pair,
+             L"ab", L"c", 4000000000u, -5000000000LL, std::ptrdiff_t{-7}, std::ptrdiff_t{-3}, std::size_t{9},
+             std::intmax_t{-9});
+    EXPECT_TRUE(log.Has(LOG_LEVEL_DEBUG, "timer", std::string(2047, 'a')) && log.Lines().size() == 2);
+    EXPECT_TRUE(log.Has(LOG_LEVEL_ERROR, "udp", "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x9f\x98\x80" +
+        std::string(sizeof(wchar_t) == 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd\xef\xbf\xbd") +
+        "[   ab|c   |4000000000|-5000000000|-7|-3|9|-9]"));
   }
   LogInfo(tag::kLoop, "after %s", "x");  // the recorder has put the null callback back
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "after x\n");
-}
-
-TEST(Log, MessagesAreCutTo2047CharactersAndWideStringsPrintAsUtf8) {
-  zstest::LogRecorder log;
-  LogInfo(tag::kUdp, "%s", std::string(3000, 'a').c_str());
-  LogInfo(tag::kNonLspSocket, "%S[%5S|%-4S|%u]", L"\u00e9\u4e2d\U0001F600", L"ab", L"c", 4000000000u);
-  auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].message, std::string(2047, 'a'));
-  EXPECT_EQ(lines[1].message, "\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80[   ab|c   |4000000000]");
-}
-
-// The log formats by hand (for %S); each row is a conversion or a code point at
-// an encoding boundary that a hand-written formatter gets wrong.
-TEST(Log, SizedConversionsAndUtf8Boundaries) {
-  zstest::LogRecorder log;
-  const std::ptrdiff_t diff = -5;
-  LogInfo(tag::kUdp, "%S%zd|%td|%zu|%jd", L"", static_cast<std::ptrdiff_t>(-3), diff, std::size_t{7},
-          static_cast<std::intmax_t>(-9));
-  LogInfo(tag::kUdp, "%S", L"\u007f\u0080\u07ff\u0800\uffff");
-  const wchar_t pair[] = {static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00), 0};
-  LogInfo(tag::kUdp, "%S", pair);
-  auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].message, "-3|-5|7|-9");
-  EXPECT_EQ(lines[1].message, "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf");
-  // UTF-16 joins a surrogate pair; in UTF-32 each half is an invalid code point.
-  EXPECT_EQ(lines[2].message, sizeof(wchar_t) == 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd\xef\xbf\xbd");
 }
 
 }  // namespace

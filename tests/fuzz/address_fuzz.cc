@@ -1,12 +1,12 @@
-// Parses arbitrary text as an address and checks what the value classes
-// promise about it: the parse either yields a valid value whose text parses
-// back to the same address, or leaves every byte of the block zero.
+// Parses arbitrary text as an address: the parse either yields a valid value
+// whose text parses back to the same address, or leaves every byte zero.
 #ifdef _WIN32
 #include <ws2tcpip.h>
 #else
 #include <arpa/inet.h>
 #endif
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,11 +24,7 @@ void Require(bool condition) {
 }
 
 bool AllZero(const void* p, std::size_t n) {
-  const auto* bytes = static_cast<const unsigned char*>(p);
-  for (std::size_t i = 0; i < n; ++i) {
-    if (bytes[i] != 0) return false;
-  }
-  return true;
+  return std::all_of(static_cast<const char*>(p), static_cast<const char*>(p) + n, [](char c) { return c == 0; });
 }
 
 }  // namespace
@@ -39,50 +35,35 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string text(reinterpret_cast<const char*>(data + 2), size - 2);
   const char* c = text.c_str();  // stops at the first NUL, as a C caller's text would
 
-  // Start from a set value: a failed parse must destroy it.
-  IPAddress address("2001:db8::1");
+  IPAddress address("2001:db8::1");  // a failed parse must destroy the old value
   const bool parsed = address.Parse(c);
-  Require(parsed == address.IsValid());
   const std::string printed = address.GetString();
+  Require(parsed == address.IsValid());
   if (!parsed) {
-    Require(address.GetFamily() == 0);
-    Require(printed.empty());
+    Require(address.GetFamily() == 0 && printed.empty() && address == IPAddress());
     Require(AllZero(&address.GetSockAddr6(), sizeof(sockaddr_in6)));
-    Require(address == IPAddress());
   } else {
     Require(address.GetFamily() == AF_INET || address.GetFamily() == AF_INET6);
-    Require(!printed.empty() && printed.size() < 64);
-    Require(printed.find_first_of("[]%") == std::string::npos);
+    Require(!printed.empty() && printed.size() < 64 && printed.find_first_of("[]%") == std::string::npos);
     Require(address.GetSockAddr().sin_port == 0);
-    // The text form names the same address; a zone is the one thing it drops.
-    IPAddress again(printed.c_str());
+    IPAddress again(printed.c_str());  // names the same address; a zone is the one thing it drops
     Require(again.IsValid() && again.GetFamily() == address.GetFamily());
     if (address.GetFamily() == AF_INET) {
-      Require(again == address);
-      Require(again.GetAddress().s_addr == address.GetAddress().s_addr);
+      Require(again == address && again.GetAddress().s_addr == address.GetAddress().s_addr);
     } else {
       Require(std::memcmp(&again.GetAddress6(), &address.GetAddress6(), sizeof(in6_addr)) == 0);
-      Require(again.GetString() == printed);
-      Require(IPAddress(address.GetAddress6()) == again);
+      Require(again.GetString() == printed && IPAddress(address.GetAddress6()) == again);
     }
   }
-
-  // The other name of the operation behaves identically.
   IPAddress twin;
-  Require(twin.FromString(c) == parsed);
-  Require(twin == address);
+  Require(twin.FromString(c) == parsed && twin == address);
 
-  IPEndPoint endPoint(c, port);
-  Require(endPoint.GetSockAddr() != nullptr);
-  Require(endPoint.IsValid() == (parsed && port != 0));
-  Require(endPoint.GetPort() == (parsed ? port : 0));
-  Require(endPoint.GetAddress().GetString() == printed);
-
-  // An end point survives the trip through a raw socket address.
-  IPEndPoint copy;
+  IPEndPoint endPoint(c, port), copy;
+  Require(endPoint.GetSockAddr() != nullptr && endPoint.IsValid() == (parsed && port != 0));
+  Require(endPoint.GetPort() == (parsed ? port : 0) && endPoint.GetAddress().GetString() == printed);
+  // Through a raw socket address and back.
   Require(copy.FromSockaddr(endPoint.GetSockAddr()) == parsed);
-  Require(copy.GetPort() == endPoint.GetPort());
-  Require(copy.GetAddress().GetString() == printed);
+  Require(copy.GetPort() == endPoint.GetPort() && copy.GetAddress().GetString() == printed);
   if (parsed) {
     const std::size_t n = address.GetFamily() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
     Require(std::memcmp(copy.GetSockAddr(), endPoint.GetSockAddr(), n) == 0);

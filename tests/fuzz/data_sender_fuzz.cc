@@ -1,13 +1,10 @@
-// Drives the data sender with a byte string of operations — packets with
-// schedules drawn from the input, cancels, ticks of a fake clock, forced
-// timeouts, cancel-all, pause and resume, a destination that comes, goes and
-// changes, a socket that refuses, a sink that calls back in — and checks every
-// outcome against a reference model that follows each packet on its own.
+// Drives the data sender with a byte string of operations (packets, cancels, clock ticks, forced timeouts,
+// pause and resume, a destination that changes, a refusing socket, a sink that calls back in) and checks
+// every outcome against a reference model that follows each packet on its own.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <vector>
 
 #include "channel/data_sender.h"
@@ -24,21 +21,17 @@ std::uint64_t g_now = 0;
 std::uint64_t FakeTick() { return g_now; }
 std::int64_t FakeWallClock() { return static_cast<std::int64_t>(g_now / 1000); }
 
-#define CHECK(cond)                                                          \
-  do {                                                                       \
-    if (!(cond)) {                                                           \
-      std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
-      std::abort();                                                          \
-    }                                                                        \
-  } while (0)
+[[noreturn]] void Fail(const char* what, int line) {
+  std::fprintf(stderr, "check failed: %s (line %d)\n", what, line), std::abort();
+}
+#define CHECK(cond) ((cond) ? (void)0 : Fail(#cond, __LINE__))
 
-// What the model expects of one packet.
 struct ModelPacket {
   std::vector<int> intervals;
   int retry = 0;
   std::uint64_t due = 0;
   int calls = 0;            // SendData calls expected so far
-  unsigned short port = 0;  // destination it keeps once it has one; 0: none yet
+  unsigned short port = 0;  // the destination it keeps once it has one; 0: none yet
   bool ended = false;
 };
 
@@ -51,24 +44,16 @@ class Harness : public DataSender, public IDataSenderSink {
     CHECK(it != model.end() && !it->second.ended);     // never a transmission after the end
     CHECK(packet->dest.GetPort() == it->second.port);  // a later destination is not its own
     ++callsSeen[packet->cookie];
-    if (refuse) return -1;
-    ++accepted[packet->cookie];
-    return 0;
+    return refuse ? -1 : (++accepted[packet->cookie], 0);
   }
 
   void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
     auto it = model.find(cookie);
-    CHECK(it != model.end() && !it->second.ended);
-    ModelPacket& p = it->second;
-    CHECK(send == accepted[cookie]);
-    if (forcing) {
-      CHECK(retry == p.retry);
-    } else {
-      // A schedule that ran out: the model must agree that it has.
-      CHECK(expiring.count(cookie) == 1);
-      CHECK(retry == static_cast<int>(p.intervals.size()));
-    }
-    p.ended = true;
+    CHECK(it != model.end() && !it->second.ended && send == accepted[cookie]);
+    // Forced: where it stands; else the model must agree that its schedule ran out.
+    CHECK(forcing ? retry == it->second.retry
+                  : expiring.count(cookie) == 1 && retry == static_cast<int>(it->second.intervals.size()));
+    it->second.ended = true;
     ++timeouts;
     if (cancelAllOnNextTimeout) {
       cancelAllOnNextTimeout = false;
@@ -86,8 +71,8 @@ class Harness : public DataSender, public IDataSenderSink {
     p.due = g_now + static_cast<std::uint64_t>(static_cast<std::int64_t>(p.intervals[p.retry]));
   }
 
-  // Advances every live packet through the pass at g_now; the packets whose
-  // schedule runs out are left in `expiring` for the sender to report.
+  // Advances every live packet through the pass at g_now; those whose schedule
+  // runs out are left in `expiring` for the sender to report.
   void ModelPass() {
     expiring.clear();
     for (auto& [cookie, p] : model) {
@@ -101,24 +86,11 @@ class Harness : public DataSender, public IDataSenderSink {
     }
   }
 
-  // Exact for live packets.  A sink that cancels everything from inside a
-  // timeout stops a pass half way, so packets that ended that way may have
-  // missed transmissions that the model counted.
-  void CheckCalls() {
-    for (auto& [cookie, p] : model) {
-      if (p.ended)
-        CHECK(callsSeen[cookie] <= p.calls);
-      else
-        CHECK(callsSeen[cookie] == p.calls);
-    }
-  }
-
+  bool Live(unsigned cookie) { return model.count(cookie) && !model[cookie].ended; }
   std::map<unsigned, ModelPacket> model;
   std::map<unsigned, int> callsSeen, accepted;
   std::map<unsigned, bool> expiring;
-  bool refuse = false;
-  bool forcing = false;
-  bool cancelAllOnNextTimeout = false;
+  bool refuse = false, forcing = false, cancelAllOnNextTimeout = false;
   int timeouts = 0;
 };
 
@@ -127,9 +99,8 @@ void Run(const std::uint8_t* data, std::size_t size) {
   std::size_t at = 0;
   auto next = [&]() -> std::uint8_t { return at < size ? data[at++] : 0; };
   Harness sender(IOLoop::CurrentLoop());
-  RefPtr<IMutableBuffer> payload;
-  CreateBuffer(payload);
-  payload->CopyFrom("x", 1);
+  Buffer payload;
+  payload.CopyFrom("x", 1);
 
   while (at < size) {
     switch (next() % 10) {
@@ -139,101 +110,68 @@ void Run(const std::uint8_t* data, std::size_t size) {
         RefPtr<IChannelSendOption> option;
         CreateChannelSendOption(option);
         option->SetPacketPerSend(1);
-        std::vector<int> intervals;
-        for (int i = 0; i < count; ++i) {
-          intervals.push_back(next() * 4);
-          option->AddSendInterval(intervals.back());
-        }
-        bool known = sender.model.count(cookie) && !sender.model[cookie].ended;
-        bool expectOk = !known && count > 0;
+        ModelPacket p;
+        p.port = sender.m_dest.GetPort();
+        for (int i = 0; i < count; ++i) p.intervals.push_back(next() * 4), option->AddSendInterval(p.intervals.back());
+        bool expectOk = !sender.Live(cookie) && count > 0;
         if (expectOk) {  // known before the call, which transmits at once
-          ModelPacket p;
-          p.intervals = intervals;
-          p.port = sender.m_dest.GetPort();
           sender.model[cookie] = p;
-          sender.callsSeen[cookie] = 0;
-          sender.accepted[cookie] = 0;
+          sender.callsSeen[cookie] = sender.accepted[cookie] = 0;
         }
-        bool ok = sender.SendPacket(payload, option, cookie, g_now);
-        CHECK(ok == expectOk);
-        if (ok) sender.ModelSendOnce(sender.model[cookie]);
+        CHECK(sender.SendPacket(payload, option, cookie, g_now) == expectOk);
+        if (expectOk) sender.ModelSendOnce(sender.model[cookie]);
         break;
       }
       case 1: {
         unsigned cookie = next() % 16 + 1;
-        int send = -1, retry = -1;
-        bool live = sender.model.count(cookie) && !sender.model[cookie].ended;
+        int send = -1, retry = -1, live = sender.Live(cookie);
         CHECK(sender.CancelPacket(cookie, &send, &retry) == live);
-        if (live) {
-          CHECK(send == sender.accepted[cookie]);
-          CHECK(retry == sender.model[cookie].retry);
-          sender.model[cookie].ended = true;
-        } else {
-          CHECK(send == 0 && retry == 0);
-        }
+        CHECK(live ? send == sender.accepted[cookie] && retry == sender.model[cookie].retry : send == 0 && retry == 0);
+        if (live) sender.model[cookie].ended = true;
         break;
       }
       case 2: {  // time passes; the pass repeats as the posted pass would, until quiet
         g_now += next() * 8u;
         sender.ModelPass();
-        for (std::size_t guard = 0; guard <= sender.model.size() + 1; ++guard) {
-          int before = sender.timeouts;
-          sender.RunPassForTesting();
-          if (sender.timeouts == before) break;
-        }
+        for (int guard = 0, before = -1; guard <= static_cast<int>(sender.model.size()) + 1 && before != sender.timeouts;
+             ++guard)
+          before = sender.timeouts, sender.RunPassForTesting();
         for (auto& [cookie, expired] : sender.expiring) CHECK(sender.model[cookie].ended);
         break;
       }
       case 3:
-        sender.forcing = true;
-        sender.ForceAllPacketsTimeout();
-        sender.forcing = false;
+        sender.forcing = true, sender.ForceAllPacketsTimeout(), sender.forcing = false;
         for (auto& [cookie, p] : sender.model) CHECK(p.ended);
         break;
       case 4:
-        sender.CancelAllPackets();
         for (auto& [cookie, p] : sender.model) p.ended = true;
+        sender.CancelAllPackets();
         break;
-      case 5:
-        sender.m_paused = true;
-        break;
+      case 5: sender.m_paused = true; break;
       case 6:
-        if (sender.m_paused) {
-          sender.m_paused = false;
-          for (auto& [cookie, p] : sender.model)
-            if (!p.ended) sender.ModelSendOnce(p);
-          sender._ResendAllPacketsWhenResumeFromPause();
-        }
+        if (!sender.m_paused) break;
+        sender.m_paused = false;
+        for (auto& [cookie, p] : sender.model)
+          if (!p.ended) sender.ModelSendOnce(p);
+        sender._ResendAllPacketsWhenResumeFromPause();
         break;
       case 7: {  // none, or one of two ports
         int port = next() % 3;
         sender.m_dest = port == 0 ? IPEndPoint() : IPEndPoint("127.0.0.1", static_cast<unsigned short>(8 + port));
         break;
       }
-      case 8:
-        sender.refuse = !sender.refuse;
-        break;
-      default:
-        sender.cancelAllOnNextTimeout = true;
-        break;
+      case 8: sender.refuse = !sender.refuse; break;
+      default: sender.cancelAllOnNextTimeout = true; break;
     }
-    sender.CheckCalls();
+    // Exact for live packets; one that a sink's cancel-all ended half way through
+    // a pass may have missed transmissions the model counted.
     std::size_t live = 0;
-    for (auto& [cookie, p] : sender.model) live += !p.ended;
+    for (auto& [cookie, p] : sender.model) {
+      CHECK(p.ended ? sender.callsSeen[cookie] <= p.calls : sender.callsSeen[cookie] == p.calls);
+      live += !p.ended;
+    }
     CHECK(sender.PacketCount() == live);
   }
-}
-
-void Quiet(LOG_LEVEL, const char*, const char*) {}
-
-IOLoop* Loop() {
-  static IOLoop* loop = [] {
-    SetLogCallback(Quiet);
-    auto* l = new IOLoop();
-    l->Start();
-    return l;
-  }();
-  return loop;
 }
 
 }  // namespace
@@ -241,6 +179,12 @@ IOLoop* Loop() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // The sender's timer and posted pass belong to the loop thread; the whole
   // input runs there in one call, so neither can interleave with it.
-  Loop()->SyncCall([data, size] { Run(data, size); });
+  static IOLoop* loop = [] {
+    SetLogCallback([](LOG_LEVEL, const char*, const char*) {});
+    auto* l = new IOLoop();
+    l->Start();
+    return l;
+  }();
+  loop->SyncCall([data, size] { Run(data, size); });
   return 0;
 }

@@ -12,19 +12,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 int main(int argc, char** argv) {
   int inputs = 0;
   for (int i = 1; i < argc; ++i) {
-    std::filesystem::path root(argv[i]);
-    std::vector<std::filesystem::path> files;
-    if (std::filesystem::is_directory(root)) {
-      for (const auto& entry : std::filesystem::directory_iterator(root))
-        if (entry.is_regular_file()) files.push_back(entry.path());
-    } else {
-      files.push_back(root);
-    }
+    std::vector<std::filesystem::path> files{argv[i]};
+    if (std::filesystem::is_directory(files[0]))
+      files.assign(std::filesystem::directory_iterator(files[0]), std::filesystem::directory_iterator());
     for (const auto& file : files) {
       std::ifstream in(file, std::ios::binary);
       std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-      ++inputs;
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()), ++inputs;
     }
   }
   std::printf("replayed %d inputs\n", inputs);

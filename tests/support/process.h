@@ -1,6 +1,6 @@
 // Real peers in child processes, and parts of a test that run in a network
-// namespace of their own.  Everything POSIX lives in process.cc; where a
-// facility is missing the helpers say so and the test skips with the reason.
+// namespace of their own.  Where a facility is missing the helpers say why
+// ("needs ...") and the test skips with the reason.
 #ifndef ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 #define ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 
@@ -12,39 +12,34 @@
 
 namespace zstest {
 
-// A child with its output in a pipe; killed (SIGTERM, then SIGKILL) and reaped
-// when the object goes, and killed by the kernel if the test dies first.
+// A child whose output goes to a file; killed and reaped when the object goes,
+// and killed by the kernel if the test dies first.  Dir() is a scratch
+// directory that goes with it.
 class ChildProcess {
  public:
   ChildProcess() = default;
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess();
-
-  // Empty on success, else "needs ..." (why it could not start).
   std::string Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
-  // The exit code once it has ended within `timeout`; -1 (and killed) otherwise.
-  int Wait(std::chrono::milliseconds timeout);
+  int Wait(std::chrono::milliseconds timeout);  // its exit code, or -1 (and killed) after `timeout`
   bool Running();
   void Kill();
-  const std::string& Output();  // what it has written so far
+  std::string Output();
+  const std::string& Dir();
 
  private:
-  friend std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*);
   int m_pid = -1;
-  int m_out = -1;
-  std::string m_output;
-  std::string m_scratchDir;  // removed with its files once the child has gone
+  std::string m_dir;
 };
 
-// A function that runs in a fresh process of this test binary, inside a
-// network namespace of its own with loopback up and a resolver that asks
+// A registered function that runs in a fresh process of this test binary,
+// inside a network namespace with loopback up and a resolver that asks
 // 127.0.0.1.  It returns the exit code and may write a report.
 using ChildMain = int (*)(std::string& report);
 struct ChildRegistration {
   ChildRegistration(const char* name, ChildMain main);
 };
-
 struct ChildRun {
   bool skipped = false;  // `report` then says what the machine lacks
   int exitCode = -1;
@@ -52,7 +47,6 @@ struct ChildRun {
 };
 ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout = std::chrono::seconds(60));
 
-// Runs the registered child and fails the test unless it succeeds.
 #define ZS_EXPECT_CHILD_PASSES(name)                          \
   do {                                                        \
     ::zstest::ChildRun run_ = ::zstest::RunInNamespace(name); \
@@ -60,18 +54,17 @@ ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout = 
     EXPECT_EQ(run_.exitCode, 0) << run_.report;               \
   } while (0)
 
-// dnsmasq on 127.0.0.1:port answering example.test with 10.1.2.3.  Empty on
-// success once it answers, else why not.  Port 0: a free one, written back.
+// dnsmasq on 127.0.0.1 answering example.test with 10.1.2.3, and python3's
+// http.server on 127.0.0.1 serving `files` (name to content).  Empty once the
+// server listens (its port written back), else why not.  dnsmasq takes
+// `*port`, or any free port if it is 0.
 std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
-// A DNS query for the A record of `name`.
-std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name);
-
-// `python3 -m http.server` on 127.0.0.1 serving `files` (name to content)
-// from a directory that goes with the child; empty on success.
 std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
-
-// Runs a command to its end; empty on success, else its output.
-std::string RunCommand(const std::vector<std::string>& argv);
+std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name);  // for the A record of `name`
+std::string RunCommand(const std::vector<std::string>& argv);                    // empty on success, else its output
+// Empty while SIGPIPE's action is the default one, which ends the process on a
+// write to a broken pipe; `reset` restores the default first.
+std::string SigpipeNotDefault(bool reset = false);
 
 }  // namespace zstest
 

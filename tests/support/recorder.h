@@ -4,11 +4,6 @@
 #ifndef ZELSOCKET_TESTS_SUPPORT_RECORDER_H
 #define ZELSOCKET_TESTS_SUPPORT_RECORDER_H
 
-#include <functional>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "support/test_support.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/host_resolve.h"
@@ -18,28 +13,29 @@
 
 namespace zstest {
 
+using zelsocket::IConstBuffer;
+using zelsocket::IMutableBuffer;
+using zelsocket::IPEndPoint;
+
 struct Event {
-  Event(std::string k = "", int s = 0, unsigned c = 0, std::string d = "",
-        const zelsocket::IPEndPoint& a = zelsocket::IPEndPoint(), void* x = nullptr)
+  Event(std::string k = "", int s = 0, unsigned c = 0, std::string d = "", IPEndPoint a = {}, void* x = nullptr)
       : kind(std::move(k)), status(s), cookie(c), data(std::move(d)), address(a), ctx(x) {}
   std::string kind;  // connect, send, recv, timeout, close, resolve
   int status;        // a channel's timeout: its send count
   unsigned cookie;
   std::string data;  // bytes sent or received; the host of a resolution
-  zelsocket::IPEndPoint address;
+  IPEndPoint address;
   void* ctx;
   bool onLoop = false;
   // "timeout:3:2", "send:1", "connect:0", "close": enough to compare orders.
   std::string Text() const {
     if (kind == "timeout") return kind + ":" + std::to_string(cookie) + ":" + std::to_string(status);
-    if (kind == "close") return kind;
-    return kind + ":" + std::to_string(cookie ? static_cast<long>(cookie) : status);
+    return kind == "close" ? kind : kind + ":" + std::to_string(cookie ? static_cast<long>(cookie) : status);
   }
 };
 
-inline std::string BytesOf(const zelsocket::IConstBuffer* b) {
-  return b && b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength())
-                                 : std::string();
+inline std::string BytesOf(const IConstBuffer* b) {
+  return b && b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength()) : "";
 }
 
 class Recorder : public zelsocket::RefCountBase,
@@ -48,56 +44,41 @@ class Recorder : public zelsocket::RefCountBase,
                  public zelsocket::IChannelSink,
                  public zelsocket::IHostResolveSink {
  public:
-  using IPEndPoint = zelsocket::IPEndPoint;
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
-
-  void OnSend(int s, zelsocket::IConstBuffer* b, const IPEndPoint& a, void* ctx) override {
-    Add({"send", s, 0, BytesOf(b), a, ctx});
+  void OnSend(int s, IConstBuffer* b, const IPEndPoint& a, void* x) override { Add({"send", s, 0, BytesOf(b), a, x}); }
+  void OnRecv(int s, IMutableBuffer* b, const IPEndPoint& a, void* x) override {
+    Add({"recv", s, 0, BytesOf(b), a, x});
   }
-  void OnRecv(int s, zelsocket::IMutableBuffer* b, const IPEndPoint& a, void* ctx) override {
-    Add({"recv", s, 0, BytesOf(b), a, ctx});
-  }
-  void OnConnect(int s, const IPEndPoint& a, void* ctx) override { Add({"connect", s, 0, "", a, ctx}); }
-  void OnSend(int s, zelsocket::IConstBuffer* b, void* ctx) override {
-    Add({"send", s, 0, BytesOf(b), IPEndPoint(), ctx});
-  }
-  void OnRecv(int s, zelsocket::IMutableBuffer* b, void* ctx) override {
-    Add({"recv", s, 0, BytesOf(b), IPEndPoint(), ctx});
-  }
+  void OnConnect(int s, const IPEndPoint& a, void* x) override { Add({"connect", s, 0, "", a, x}); }
+  void OnSend(int s, IConstBuffer* b, void* x) override { Add({"send", s, 0, BytesOf(b), {}, x}); }
+  void OnRecv(int s, IMutableBuffer* b, void* x) override { Add({"recv", s, 0, BytesOf(b), {}, x}); }
   void OnConnect(int s) override { Add({"connect", s}); }
-  void OnSend(unsigned c, zelsocket::IConstBuffer* b, const IPEndPoint& a) override {
-    Add({"send", 0, c, BytesOf(b), a});
-  }
+  void OnSend(unsigned c, IConstBuffer* b, const IPEndPoint& a) override { Add({"send", 0, c, BytesOf(b), a}); }
   void OnRecv(unsigned char* d, int n, const IPEndPoint& a) override {
     Add({"recv", n, 0, std::string(reinterpret_cast<char*>(d), static_cast<size_t>(n)), a});
   }
   void OnTimeout(unsigned c, int send) override { Add({"timeout", send, c}); }
   void OnClose() override { Add({"close"}); }
-  void OnHostResolve(int err, const char* host, const zelsocket::IPAddress& a, void* ctx) override {
-    Add({"resolve", err, 0, host, IPEndPoint(a, 1), ctx});
+  void OnHostResolve(int err, const char* host, const zelsocket::IPAddress& a, void* x) override {
+    Add({"resolve", err, 0, host, IPEndPoint(a, 1), x});
   }
 
   // Runs inside each callback; may be replaced while the library calls.
-  class Hook {
-   public:
+  struct Hook {
     Hook& operator=(std::function<void(const Event&)> fn) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_fn = std::move(fn);
+      std::lock_guard<std::mutex> lock(m);
+      f = std::move(fn);
       return *this;
     }
     void operator()(const Event& e) {
-      std::function<void(const Event&)> fn;
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        fn = m_fn;
-      }
+      std::unique_lock<std::mutex> lock(m);
+      auto fn = f;
+      lock.unlock();
       if (fn) fn(e);
     }
-
-   private:
-    std::mutex m_mutex;
-    std::function<void(const Event&)> m_fn;
+    std::mutex m;
+    std::function<void(const Event&)> f;
   } hook;
 
   std::vector<Event> Of(const std::string& kind) {
@@ -134,8 +115,8 @@ inline zelsocket::RefPtr<Recorder> NewRecorder() {
   return r;
 }
 
-inline zelsocket::RefPtr<zelsocket::IMutableBuffer> Buf(const std::string& data = std::string()) {
-  zelsocket::RefPtr<zelsocket::IMutableBuffer> b;
+inline zelsocket::RefPtr<IMutableBuffer> Buf(const std::string& data = std::string()) {
+  zelsocket::RefPtr<IMutableBuffer> b;
   zelsocket::CreateBuffer(b);
   b->CopyFrom(data.data(), static_cast<int>(data.size()));
   return b;

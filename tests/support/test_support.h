@@ -1,7 +1,8 @@
-// Helpers shared by the test executables: a log recorder and bounded waits.
+// A log recorder and bounded waits, shared by every test executable.
 #ifndef ZELSOCKET_TESTS_SUPPORT_TEST_SUPPORT_H
 #define ZELSOCKET_TESTS_SUPPORT_TEST_SUPPORT_H
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -15,30 +16,57 @@ namespace zstest {
 
 struct LogLine {
   zelsocket::LOG_LEVEL level;
-  std::string tag;
-  std::string message;
+  std::string tag, message;
 };
 
 // Records every line the library logs while it is alive.
 class LogRecorder {
  public:
-  LogRecorder();
-  ~LogRecorder();
-
-  std::vector<LogLine> Lines() const;
-  // Lines whose message equals `message` exactly.
-  int Count(const std::string& message) const;
-  // Lines whose message starts with `prefix`.
-  int CountPrefix(const std::string& prefix) const;
-  bool Has(zelsocket::LOG_LEVEL level, const std::string& tag, const std::string& message) const;
-  void Clear();
+  LogRecorder() {
+    Clear();
+    zelsocket::SetLogCallback([](zelsocket::LOG_LEVEL level, const char* tag, const char* message) {
+      std::lock_guard<std::mutex> lock(s_mutex);
+      s_lines.push_back(LogLine{level, tag, message});
+    });
+  }
+  ~LogRecorder() { zelsocket::SetLogCallback(nullptr); }
+  std::vector<LogLine> Lines() const {
+    std::lock_guard<std::mutex> lock(s_mutex);
+    return s_lines;
+  }
+  int CountIf(const std::function<bool(const LogLine&)>& f) const {
+    auto lines = Lines();
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), f));
+  }
+  int Count(const std::string& m) const {
+    return CountIf([&](const LogLine& l) { return l.message == m; });
+  }
+  int CountPrefix(const std::string& p) const {
+    return CountIf([&](const LogLine& l) { return l.message.compare(0, p.size(), p) == 0; });
+  }
+  bool Has(zelsocket::LOG_LEVEL level, const std::string& tag, const std::string& m) const {
+    return CountIf([&](const LogLine& l) { return l.level == level && l.tag == tag && l.message == m; }) > 0;
+  }
+  void Clear() {
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_lines.clear();
+  }
 
  private:
-  static void Callback(zelsocket::LOG_LEVEL level, const char* tag, const char* message);
+  static inline std::mutex s_mutex;
+  static inline std::vector<LogLine> s_lines;
 };
 
 // Polls `done` until it is true or `timeout` has passed; true when it became true.
-bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
+inline bool WaitUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 }  // namespace zstest
 

@@ -1,10 +1,8 @@
-// ThreadSanitizer builds only.  The system libuv is not instrumented and closes
-// descriptors through syscall(SYS_close, fd), which the sanitizer does not see;
-// when the kernel hands the number out again it takes the new descriptor for
-// the old one and reports a race between two unrelated creations.  Defining
-// syscall() here puts our definition ahead of libc's for libuv too: closes go
-// through close(), which the sanitizer intercepts, and everything else goes on
-// to the real syscall.
+// ThreadSanitizer builds only.  The uninstrumented system libuv closes
+// descriptors through syscall(SYS_close, fd), unseen by the sanitizer, which
+// then takes a reused descriptor number for the old one and reports a race
+// between unrelated creations.  This syscall() comes before libc's, for libuv
+// too, and sends closes through the intercepted close().
 #if defined(__SANITIZE_THREAD__)
 
 #include <dlfcn.h>
