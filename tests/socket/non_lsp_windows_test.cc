@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #ifdef _WIN32
-#include <windows.h>
-#include <winsock2.h>
+#include <winsock2.h>  // before windows.h, which would pull in the old winsock.h
 #include <ws2tcpip.h>
+#include <windows.h>
 #endif
 
 #include <cstdio>
