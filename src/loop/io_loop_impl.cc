@@ -182,7 +182,6 @@ void IOLoopImpl::_AsyncStop() {
     for (CallItem* item : pending) {
       if (item->final) {
         _InvokeItem(item);
-        delete item;
       } else {
         _DropItem(item);
       }
@@ -239,7 +238,6 @@ void IOLoopImpl::_AfterRun() {
   uv_mutex_unlock(&m_callMutex);
   for (CallItem* item : finals) {
     _InvokeItem(item);
-    delete item;
   }
 
   uv_loop_t* loop = Loop();
@@ -445,10 +443,7 @@ void IOLoopImpl::_ServeCalls() {
   uv_mutex_lock(&m_callMutex);
   m_callBatch.swap(m_callQueue);
   uv_mutex_unlock(&m_callMutex);
-  for (CallItem* item : m_callBatch) {
-    _InvokeItem(item);
-    delete item;
-  }
+  for (CallItem* item : m_callBatch) _InvokeItem(item);
   m_callBatch.clear();
   uv_mutex_lock(&m_callMutex);
   bool more = !m_callQueue.empty();
@@ -463,19 +458,24 @@ void IOLoopImpl::_ServeCalls() {
   }
 }
 
+// Frees the item. It, and what its function captured, is gone before a
+// SyncCall caller wakes: that caller may count on its references being released.
 void IOLoopImpl::_InvokeItem(CallItem* item) {
   if (item->cb) item->cb->OnAsyncCall(item->data);
   else if (item->fn) item->fn();
-  if (item->sync) item->sync->sem.Post();
+  SyncWait* sync = item->sync;
+  delete item;
+  if (sync) sync->sem.Post();
 }
 
 void IOLoopImpl::_DropItem(CallItem* item) {
   if (item->cb) item->cb->OnAsyncCallDropped(item->data);
-  if (item->sync) {
-    item->sync->dropped = true;
-    item->sync->sem.Post();
-  }
+  SyncWait* sync = item->sync;
   delete item;
+  if (sync) {
+    sync->dropped = true;
+    sync->sem.Post();
+  }
 }
 
 int IOLoopImpl::DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data, std::function<void()> fn) {
@@ -548,7 +548,6 @@ void IOLoopImpl::_OnDelayTimer() {
     uv_mutex_unlock(&m_delayMutex);
     if (item) {
       _InvokeItem(item);
-      delete item;
     } else if (entry.timer) {
       entry.timer->_OnDue(entry.id, current, std::move(fire), rearmFailed);
       if (lastEntry) entry.timer->Release();  // may be the last reference

@@ -152,9 +152,10 @@ TEST_F(LoopTest, PostedCallsRunInEachThreadsOrderAndOnlySyncCallRunsInline) {
       loop.AsyncCall(cb, &mine);
     });
   for (auto& t : posters) t.join();
-  loop.SyncCall([] {});
+  auto token = std::make_shared<int>();
+  loop.SyncCall([token] {});  // returns with its function, and what that captured, gone
   for (auto& mine : seen) EXPECT_TRUE(mine.size() == 2000u && std::is_sorted(mine.begin(), mine.end()));
-  EXPECT_TRUE(cb->calls.size() == 3u && cb->Release() == 0);  // the queued calls gave their references back
+  EXPECT_TRUE(cb->calls.size() == 3u && cb->Release() == 0 && token.use_count() == 1);  // references given back
   Trace trace;
   loop.SyncCall([&] {
     loop.AsyncCall([&] { trace.push_back("posted"), loop.AsyncCall([&] { trace.push_back("posted2"); }); });
