@@ -24,7 +24,7 @@ packages=(
   clang libclang-rt-dev            # libFuzzer targets
   python3                          # a real HTTP server for the TCP tests
   dnsmasq-base                     # a real DNS server for the channel tests
-  iproute2 nftables                # network namespaces and packet loss in tests
+  iproute2                         # network namespaces in tests
 )
 fi
 
