@@ -1,5 +1,5 @@
-// TCP socket throughput and round trips beside raw-libuv clients that speak the
-// same protocol to the same loopback peer.  Run with
+// TCP socket throughput beside raw-libuv clients that speak the same protocol
+// to the same loopback peer (round trips: hop_bench.cc).  Run with
 //   --benchmark_repetitions=7 --benchmark_enable_random_interleaving=true
 // and compare medians.  Time is wall time; CPU time is the whole process's
 // (peer thread included, the same for both sides).
@@ -29,13 +29,11 @@ namespace {
 
 constexpr int kChunk = 64 * 1024;
 constexpr int kChunksPerIteration = 256;  // 16 MiB per iteration
-constexpr int kPingBytes = 5;
-constexpr int kPingsPerIteration = 2000;
 
-// A loopback peer on its own thread: discards everything, or echoes.
+// A loopback peer on its own thread that discards everything.
 class Peer {
  public:
-  explicit Peer(bool echo) {
+  Peer() {
     m_listen = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
@@ -45,7 +43,7 @@ class Peer {
     ::listen(m_listen, 4);
     ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len);
     m_port = ntohs(a.sin_port);
-    m_thread = std::thread([this, echo] { Serve(echo); });
+    m_thread = std::thread([this] { Serve(); });
   }
   ~Peer() {
     m_thread.join();
@@ -54,14 +52,13 @@ class Peer {
   unsigned short Port() const { return m_port; }
 
  private:
-  void Serve(bool echo) {
+  void Serve() {
     int c = ::accept(m_listen, nullptr, nullptr);
     if (c < 0) return;
     std::vector<char> buf(256 * 1024);
     for (;;) {
       ssize_t r = ::recv(c, buf.data(), buf.size(), 0);
       if (r <= 0) break;
-      if (echo && ::send(c, buf.data(), static_cast<size_t>(r), MSG_NOSIGNAL) != r) break;
     }
     ::close(c);
   }
@@ -110,7 +107,7 @@ struct OurClient {
 };
 
 void BM_Bulk_ITcpSend(benchmark::State& state) {
-  Peer peer(false);
+  Peer peer;
   {
     OurClient client(zsbench::SharedLoop(), peer.Port());
     if (!client.ok) {
@@ -141,47 +138,6 @@ void BM_Bulk_ITcpSend(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * kChunk * kChunksPerIteration);
   }
-}
-
-void BM_PingPong_ITcp(benchmark::State& state) {
-  Peer peer(true);
-  OurClient client(zsbench::SharedLoop(), peer.Port());
-  if (!client.ok) {
-    state.SkipWithError("connect failed");
-    return;
-  }
-  RefPtr<IMutableBuffer> ping, pong;
-  CreateBuffer(ping);
-  CreateBuffer(pong);
-  ping->CopyFrom("hello", kPingBytes);
-  for (auto _ : state) {
-    Semaphore done;
-    int rounds = 0, got = 0;
-    client.sink->onRecv = [&](int status, IMutableBuffer* b) {
-      if (status != 0 || b->GetLength() == 0) {
-        rounds = -1;
-        done.Post();
-        return;
-      }
-      got += b->GetLength();
-      if (got < kPingBytes) {
-        client.tcp->Recv(pong, nullptr);
-        return;
-      }
-      got = 0;
-      if (++rounds == kPingsPerIteration) {
-        done.Post();
-        return;
-      }
-      client.tcp->Send(ping, nullptr);
-      client.tcp->Recv(pong, nullptr);
-    };
-    client.tcp->Send(ping, nullptr);
-    client.tcp->Recv(pong, nullptr);
-    done.Wait();
-    if (rounds != kPingsPerIteration) state.SkipWithError("round trips lost");
-  }
-  state.SetItemsProcessed(state.iterations() * kPingsPerIteration);
 }
 
 // ---------------------------------------------------------------------------
@@ -233,7 +189,7 @@ struct RawBulk {
 };
 
 void RunRawBulk(benchmark::State& state, bool oneInFlight) {
-  Peer peer(false);
+  Peer peer;
   {
     RawClient client(peer.Port());
     if (!client.ok) {
@@ -258,70 +214,11 @@ void RunRawBulk(benchmark::State& state, bool oneInFlight) {
 void BM_Bulk_RawUvWrite_OneInFlight(benchmark::State& state) { RunRawBulk(state, true); }
 void BM_Bulk_RawUvWrite_ManyInFlight(benchmark::State& state) { RunRawBulk(state, false); }
 
-struct RawPing {
-  RawClient* client;
-  char ping[kPingBytes] = {'h', 'e', 'l', 'l', 'o'};
-  char pong[65536];
-  uv_write_t req;
-  int rounds = 0;
-  int got = 0;
-
-  void Start() {
-    client->tcp.data = this;
-    uv_read_start(
-        reinterpret_cast<uv_stream_t*>(&client->tcp),
-        [](uv_handle_t* h, size_t, uv_buf_t* out) {
-          auto* self = static_cast<RawPing*>(h->data);
-          *out = uv_buf_init(self->pong, sizeof self->pong);
-        },
-        [](uv_stream_t* s, ssize_t n, const uv_buf_t*) {
-          auto* self = static_cast<RawPing*>(s->data);
-          if (n < 0) {
-            uv_read_stop(s);
-            return;
-          }
-          self->got += static_cast<int>(n);
-          if (self->got < kPingBytes) return;
-          self->got = 0;
-          if (++self->rounds == kPingsPerIteration) {
-            uv_read_stop(s);
-            return;
-          }
-          self->Write();
-        });
-    Write();
-  }
-  void Write() {
-    uv_buf_t buf = uv_buf_init(ping, kPingBytes);
-    uv_write(&req, reinterpret_cast<uv_stream_t*>(&client->tcp), &buf, 1, [](uv_write_t*, int) {});
-  }
-};
-
-void BM_PingPong_RawUv(benchmark::State& state) {
-  Peer peer(true);
-  {
-    RawClient client(peer.Port());
-    if (!client.ok) {
-      state.SkipWithError("connect failed");
-      return;
-    }
-    for (auto _ : state) {
-      RawPing ping{&client};
-      ping.Start();
-      uv_run(&client.loop, UV_RUN_DEFAULT);
-      if (ping.rounds != kPingsPerIteration) state.SkipWithError("round trips lost");
-    }
-    state.SetItemsProcessed(state.iterations() * kPingsPerIteration);
-  }
-}
-
 }  // namespace
 
 // Ours and its baseline registered side by side.
 BENCHMARK(BM_Bulk_ITcpSend)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Bulk_RawUvWrite_OneInFlight)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Bulk_RawUvWrite_ManyInFlight)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PingPong_ITcp)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PingPong_RawUv)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kMillisecond);
 
 ZSBENCH_MAIN()
