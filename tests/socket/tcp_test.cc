@@ -17,13 +17,9 @@ namespace zelsocket {
 namespace {
 
 using zstest::Buf;
+using zstest::CountOf;
 using zstest::Ctx;
 using zstest::Event;
-
-int CountOf(IRefCount* object) {  // the references other than the caller's
-  object->AddRef();
-  return object->Release();
-}
 
 class TcpTest : public ::testing::Test {
  protected:

@@ -123,6 +123,11 @@ inline zelsocket::RefPtr<IMutableBuffer> Buf(const std::string& data = std::stri
 }
 
 inline void* Ctx(long n) { return reinterpret_cast<void*>(n); }
+// The references to `object` other than the caller's.
+inline int CountOf(zelsocket::IRefCount* object) {
+  object->AddRef();
+  return object->Release();
+}
 
 // Blocks until everything queued on `loop` before this call has run.
 inline void Drain(zelsocket::IOLoop& loop) {
