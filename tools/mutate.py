@@ -10,8 +10,10 @@ A mutant is a line of the mutants file, tab-separated:
 
 The original text must occur exactly once in the file; otherwise the mutant is
 "gone" (src/ moved on) and is not counted.  An empty replacement deletes the
-text.  Trees are tried in the order given and the first one whose suite fails
-kills the mutant; later trees only see survivors.  A mutant that does not
+text; "\\n" in either text stands for a line break, so a mutant can take in
+the line before its own when its line alone is not unique.  Trees are tried
+in the order given and the first one whose suite fails kills the mutant;
+later trees only see survivors.  A mutant that does not
 compile is "build-failed" and not counted either.  The trees must already be
 configured (see tools/check.sh); the unmutated suite must pass in each of them.
 """
@@ -42,6 +44,7 @@ def read_mutants(path):
         fields = line.split("\t")
         if len(fields) != 5 or fields[4] not in KINDS or not fields[2]:
             sys.exit(f"{path}:{n}: want id, path, original, replacement, kind (tab-separated)")
+        fields[2:4] = [f.replace("\\n", "\n") for f in fields[2:4]]
         mutants.append(dict(zip(("id", "path", "find", "repl", "kind"), fields)))
     ids = [m["id"] for m in mutants]
     if len(ids) != len(set(ids)):

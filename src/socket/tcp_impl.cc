@@ -26,8 +26,7 @@ TcpImpl::TcpImpl(IOLoop* loop)
       m_connectOp(new TcpOpHolder<UvTcpConnect>()),
       m_sendOp(new TcpOpHolder<UvTcpSend>()),
       m_recvOp(new TcpOpHolder<UvTcpRecv>()) {
-  m_sinkAnchor.Attach(new TcpSinkAnchor<TcpImpl>(this, &TcpImpl::_OnConnect, nullptr, &TcpImpl::_OnSend,
-                                                 &TcpImpl::_OnRecv));
+  m_sinkAnchor.Attach(new TcpSinkAnchor<TcpImpl>(this, &TcpImpl::_OnConnect, &TcpImpl::_OnSend, &TcpImpl::_OnRecv));
 }
 
 // The last Release may come on any thread.  Completions of this socket run on

@@ -14,13 +14,11 @@ template <typename Owner>
 class TcpSinkAnchor : public RefCountBase, public ITcpSink {
  public:
   using ConnectMethod = void (Owner::*)(int, const IPEndPoint&, void*);
-  using AcceptMethod = void (Owner::*)(int, void*, void*, void*);
   using SendMethod = void (Owner::*)(int, IConstBuffer*, void*);
   using RecvMethod = void (Owner::*)(int, IMutableBuffer*, void*);
 
-  TcpSinkAnchor(Owner* owner, ConnectMethod onConnect, AcceptMethod onAccept, SendMethod onSend,
-                RecvMethod onRecv)
-      : m_owner(owner), m_onConnect(onConnect), m_onAccept(onAccept), m_onSend(onSend), m_onRecv(onRecv) {}
+  TcpSinkAnchor(Owner* owner, ConnectMethod onConnect, SendMethod onSend, RecvMethod onRecv)
+      : m_owner(owner), m_onConnect(onConnect), m_onSend(onSend), m_onRecv(onRecv) {}
 
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
@@ -29,10 +27,7 @@ class TcpSinkAnchor : public RefCountBase, public ITcpSink {
     Owner* owner = m_owner.load(std::memory_order_acquire);
     if (owner && m_onConnect) (owner->*m_onConnect)(status, address, ctx);
   }
-  void OnAccept(int status, void* a, void* b, void* ctx) override {
-    Owner* owner = m_owner.load(std::memory_order_acquire);
-    if (owner && m_onAccept) (owner->*m_onAccept)(status, a, b, ctx);
-  }
+  // OnAccept keeps the interface's empty default: a client socket never accepts.
   void OnSend(int status, IConstBuffer* buffer, void* ctx) override {
     Owner* owner = m_owner.load(std::memory_order_acquire);
     if (owner && m_onSend) (owner->*m_onSend)(status, buffer, ctx);
@@ -48,7 +43,6 @@ class TcpSinkAnchor : public RefCountBase, public ITcpSink {
  private:
   std::atomic<Owner*> m_owner;
   const ConnectMethod m_onConnect;
-  const AcceptMethod m_onAccept;
   const SendMethod m_onSend;
   const RecvMethod m_onRecv;
 };

@@ -34,7 +34,6 @@ class UvUdpRecv : public RefCount {
   // Stops receiving and drops the record at once: a datagram taken but not yet
   // delivered is lost, and no report comes.
   void Cancel();
-  bool IsArmed() const { return m_ctx != nullptr; }
 
   static void _AllocCallback(uv_handle_t* handle, size_t suggested, uv_buf_t* out);
   static void _RecvCallback(uv_udp_t* handle, ssize_t nread, const uv_buf_t* buf, const sockaddr* addr,
