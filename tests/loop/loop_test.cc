@@ -125,9 +125,7 @@ TEST_F(LoopTest, PostedCallsRunInEachThreadsOrder) {
 TEST_F(LoopTest, DelayedCallsAndTimersAreNotStarvedByAFloodAndRunInDueOrder) {
   std::atomic<bool> stop{false}, last{false};
   F spin = [&] { stop ? 0 : loop.AsyncCall(spin); };
-  std::thread flooder([&] {
-    while (!stop) loop.AsyncCall([] {});
-  });
+  std::thread flooder([&] { while (!stop) loop.AsyncCall([] {}); });
   loop.AsyncCall(spin);
   Trace order;
   Timer t1(&loop), t7(&loop), t60(&loop), t120(&loop);
