@@ -1,11 +1,5 @@
 // Parses arbitrary text as an address: the parse either yields a valid value
 // whose text parses back to the same address, or leaves every byte zero.
-#ifdef _WIN32
-#include <ws2tcpip.h>
-#else
-#include <arpa/inet.h>
-#endif
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -19,9 +13,7 @@ using zelsocket::IPEndPoint;
 
 namespace {
 
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
+void Require(bool condition) { if (!condition) std::abort(); }
 
 bool AllZero(const void* p, std::size_t n) {
   return std::all_of(static_cast<const char*>(p), static_cast<const char*>(p) + n, [](char c) { return c == 0; });
@@ -55,8 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       Require(again.GetString() == printed && IPAddress(address.GetAddress6()) == again);
     }
   }
-  IPAddress twin;
-  Require(twin.FromString(c) == parsed && twin == address);
 
   IPEndPoint endPoint(c, port), copy;
   Require(endPoint.GetSockAddr() != nullptr && endPoint.IsValid() == (parsed && port != 0));

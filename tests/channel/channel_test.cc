@@ -1,0 +1,486 @@
+// The retransmission engine, then the channel over a scripted socket (with a
+// property that a reference model judges), then over real sockets: dnsmasq on
+// loopback and by name in a namespace of its own, and a closed port.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+#include <tuple>
+
+#include "channel/data_sender.h"
+#include "channel/udp_channel_impl.h"
+#include "support/process.h"
+#include "support/recorder.h"
+#include "zelsocket/channel_option.h"
+
+namespace zelsocket {
+namespace {
+
+using zstest::Event;
+using Trace = std::vector<std::string>;
+const char* const kQuietClose = "UdpChannelImpl::_CloseSocket, forceAllTimeout=0, notifyOnClose=0";
+
+// One datagram per due entry, with these waits in milliseconds.
+RefPtr<IChannelSendOption> Schedule(const std::vector<int>& intervals) {
+  RefPtr<IChannelSendOption> o;
+  CreateChannelSendOption(o);
+  o->SetPacketPerSend(1);
+  for (int i : intervals) o->AddSendInterval(i);
+  return o;
+}
+
+// A scripted IUdp: it records what it is asked to do and reports only when the
+// test says so, which makes the orders of events exact.
+class FakeUdp : public IUdp, public RefCountBase {
+ public:
+  struct Datagram {
+    RefPtr<IConstBuffer> buffer;
+    IPEndPoint dest;
+    void* ctx;
+  };
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void SetSink(IUdpSink* s) override { sink = s; }
+  int Open(const UdpOpenOptions& options) override { return Open(options.bindAddress); }
+  // Answers with the next of `openResults`, 0 once they run out.
+  int Open(const IPEndPoint& address) override {
+    openPorts.push_back(address.GetPort());
+    int rc = openPorts.size() <= openResults.size() ? openResults[openPorts.size() - 1] : 0;
+    return open = rc == 0, rc;
+  }
+  int Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) override {
+    return sent.push_back(Datagram{buffer, dest, ctx}), 0;
+  }
+  int Recv(IMutableBuffer*, void*) override { return -1; }
+  int StartRecv(IMutableBuffer* buffer, void*) override { return recvBuffer = buffer, startRecvResult; }
+  int CancelRecv() override { return 0; }
+  int Close() override { return open = false, 0; }
+  bool IsOpen() override { return open; }
+  int GetLocalAddress(IPEndPoint&) override { return -1; }
+  int SetSendBufferSize(unsigned int) override { return -1; }
+  int SetRecvBufferSize(unsigned int) override { return -1; }
+
+  // Reports the oldest unreported datagram.
+  void CompleteSend(int status) {
+    Datagram d = sent[reported++];
+    if (sink) sink->OnSend(status, d.buffer, d.dest, d.ctx);
+  }
+  void Deliver(const std::string& data, const IPEndPoint& from) {
+    recvBuffer->CopyFrom(data.data(), static_cast<int>(data.size()));
+    if (sink) sink->OnRecv(0, recvBuffer, from, nullptr);
+  }
+  void FailRecv(int status) {
+    recvBuffer->Resize(0);
+    if (sink) sink->OnRecv(status, recvBuffer, IPEndPoint(), nullptr);
+  }
+
+  // Every socket the channel under test makes, in order, set up from the `next` results.  The
+  // channel makes them on the loop thread; the test reads them after an event that they came before.
+  static bool Make(RefPtr<IUdp>& out, IOLoop*) {
+    made.emplace_back().Attach(new FakeUdp());
+    return out = made.back().Get(), true;
+  }
+  static void Reset(std::vector<int> openResults = {}, int startRecvResult = 0) {
+    made.clear();
+    nextOpenResults = std::move(openResults);
+    nextStartRecvResult = startRecvResult;
+  }
+  static inline std::vector<RefPtr<FakeUdp>> made;
+  static inline std::vector<int> nextOpenResults;
+  static inline int nextStartRecvResult = 0;
+
+  RefPtr<IUdpSink> sink;
+  IMutableBuffer* recvBuffer = nullptr;
+  std::vector<int> openResults = nextOpenResults;
+  std::vector<unsigned short> openPorts;
+  int startRecvResult = nextStartRecvResult;
+  std::vector<Datagram> sent;
+  size_t reported = 0;
+  bool open = false;
+};
+
+class ChannelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FakeUdp::Reset();
+    UdpChannelImpl::SetUdpFactoryForTesting(&FakeUdp::Make);
+    ASSERT_EQ(0, loop.Start());
+    channel = NewChannel();
+  }
+  void TearDown() override {
+    channel = nullptr;
+    OnLoop([] { FakeUdp::Reset(); });
+    EXPECT_EQ(0, loop.Stop());
+    UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
+  }
+  RefPtr<IChannel> NewChannel() {
+    RefPtr<IChannel> c;
+    EXPECT_TRUE(CreateUdpChannel(c, &loop));
+    c->SetSink(sink);
+    return c;
+  }
+  void OnLoop(const std::function<void()>& fn) { ASSERT_EQ(0, loop.SyncCall(fn)); }
+  void ConnectOk(IChannel* c, unsigned short port = 9000) {
+    size_t before = sink->Count("connect");
+    ASSERT_EQ(0, c->Connect("127.0.0.1", port, nullptr));
+    ASSERT_TRUE(sink->Wait("connect", before + 1));
+    ASSERT_EQ(0, sink->Of("connect").back().status);
+  }
+  unsigned SendOk(IChannelSendOption* option, IChannel* c = nullptr, const std::string& data = "req") {
+    unsigned cookie = 0;
+    EXPECT_EQ(0, (c ? c : channel.Get())->Send(zstest::Buf(data), option, cookie));
+    return cookie;
+  }
+
+  zstest::LogRecorder log;
+  IOLoop loop;
+  RefPtr<zstest::Recorder> sink = zstest::NewRecorder();
+  RefPtr<IChannel> channel;
+  RefPtr<IChannelSendOption> longSchedule = Schedule({10000});
+};
+
+// The engine runs on the loop thread with a fake clock: its own timer finds
+// nothing due until the test moves the clock and runs a pass.  The fuzz target
+// checks each packet's counts against a model; this checks what it does not
+// see: the default timeline and its log line, and the order of a forced timeout.
+std::uint64_t g_tick = 1000000;
+std::int64_t g_wall = 1700000000;
+using Timeout = std::tuple<unsigned, int, int>;  // cookie, retry, send
+
+class Sender : public DataSender, public IDataSenderSink {
+ public:
+  explicit Sender(IOLoop* loop) : DataSender(loop, [] { return g_tick; }, [] { return g_wall; }) {
+    m_sink = this;
+    m_paused = false;
+    m_dest = IPEndPoint("127.0.0.1", 4000);
+  }
+  int SendData(Packet* packet) override { return sent.push_back(packet->cookie), 0; }
+  void OnPacketTimeout(unsigned int c, int retry, int send) override { timeouts.emplace_back(c, retry, send); }
+  std::vector<unsigned> sent;
+  std::vector<Timeout> timeouts;
+};
+
+TEST_F(ChannelTest, SenderDefaultTimelineAndForcedTimeoutOrder) {
+  OnLoop([&] {
+    Sender sender(&loop);
+    RefPtr<IChannelSendOption> udp = Schedule({});
+    udp->SetDefaultForUdp();
+    EXPECT_TRUE(sender.SendPacket(zstest::Buf("req"), udp, 7, g_tick - 5));  // requested 5 ms before it was made
+    // Milliseconds on, and the wall clock's seconds with them; the log line pins the time of each.
+    const int steps[][2] = {{3000, 3}, {5000, 5}, {6999, 7}, {1, 0}};
+    for (const auto& step : steps) g_wall += step[1], g_tick += step[0], sender.RunPassForTesting();
+    EXPECT_TRUE(sender.sent.size() == 3u && sender.timeouts == (std::vector<Timeout>{{7, 3, 3}}));
+    // Delays in ms; send times in whole seconds after the packet's creation.
+    const std::string line =
+        "timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
+        "total-delay=15005, send-time=";
+    auto isLine = [&](const zstest::LogLine& l) {
+      return l.level == LOG_LEVEL_INFO && l.tag == "data_sender" && l.message.rfind(line, 0) == 0 &&
+             l.message.substr(l.message.size() - 6) == ",0,3,8";
+    };
+    EXPECT_EQ(log.CountIf(isLine), 1);
+    // Cookies are keyed as signed 32-bit values: past 2^31 they sort first.
+    sender.timeouts.clear();
+    for (unsigned c : {1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0x7FFFFFFEu, 0x80000001u})
+      EXPECT_TRUE(sender.SendPacket(zstest::Buf("req"), Schedule({1000}), c, g_tick));
+    sender.ForceAllPacketsTimeout();
+    std::vector<unsigned> order;
+    for (const Timeout& t : sender.timeouts) order.push_back(std::get<0>(t));
+    EXPECT_EQ(order, (std::vector<unsigned>{0x80000000u, 0x80000001u, 0xFFFFFFFFu, 1u, 0x7FFFFFFEu, 0x7FFFFFFFu}));
+  });
+}
+
+// Packets accepted before Connect time out before a failed OnConnect, or leave
+// once before a successful one.
+TEST_F(ChannelTest, PendingPacketsSettleBeforeOnConnect) {
+  unsigned cookie = 77;  // bad input is refused first
+  EXPECT_EQ(-1, channel->Send(nullptr, nullptr, cookie));
+  EXPECT_EQ(-1, channel->Send(zstest::Buf(""), nullptr, cookie));
+  EXPECT_EQ(-1, channel->Send(zstest::Buf("x"), Schedule({}), cookie));
+  EXPECT_EQ(-1, channel->Connect(nullptr, 9000, nullptr));
+  EXPECT_EQ(77u, cookie);
+  SendOk(longSchedule);
+  SendOk(nullptr);
+  ASSERT_EQ(0, channel->Connect("nothing.invalid", 9000, nullptr));
+  ASSERT_EQ(0, channel->Connect("", 9000, nullptr));
+  ASSERT_TRUE(sink->Wait("connect", 2));
+  EXPECT_EQ((Trace{"timeout:1:0", "timeout:2:0", "connect:-1", "connect:-1"}), sink->Trace());
+  EXPECT_TRUE(FakeUdp::made.empty());                                                  // no socket was made
+  EXPECT_EQ(1, log.CountPrefix("timeout, cookie=2, retry=0, send=0, send-count=3,"));  // the library's schedule
+  SendOk(longSchedule), SendOk(longSchedule);
+  size_t sentAtConnect = 99;
+  sink->hook = [&](const Event& e) { if (e.kind == "connect") sentAtConnect = FakeUdp::made[0]->sent.size(); };
+  ConnectOk(channel);
+  EXPECT_EQ(2u, sentAtConnect);
+}
+
+TEST_F(ChannelTest, BindFailuresReachOnConnect) {
+  struct Case {
+    unsigned short min, max;
+    std::vector<int> openResults;
+    int startRecvResult, status;
+    std::vector<unsigned short> tried;
+  } cases[] = {
+      {5000, 5002, {-98, -98, -98, 0}, 0, -98, {5000, 5001, 5002}},  // every port of the range, in order
+      {5000, 5002, {-98, 0}, 0, 0, {5000, 5001}},
+      {5000, 10, {-98, 0}, 0, -98, {5000}},  // max below min: min alone
+      {0, 0, {}, -9, -9, {0}},               // the receive could not be armed
+  };
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    FakeUdp::Reset(cases[i].openResults, cases[i].startRecvResult);
+    ChannelConnectOption option;
+    option.bindPortMin = cases[i].min;
+    option.bindPortMax = cases[i].max;
+    ASSERT_EQ(0, channel->Connect("127.0.0.1", 9000, &option));
+    ASSERT_TRUE(sink->Wait("connect", i + 1));
+    EXPECT_EQ(cases[i].status, sink->Of("connect")[i].status) << i;
+    EXPECT_EQ(cases[i].tried, FakeUdp::made[0]->openPorts) << i;
+  }
+}
+
+// The last reference goes inside OnTimeout (from ForceAllTimeout and from the
+// timer) and inside OnRecv; a batch in progress finishes first.
+TEST_F(ChannelTest, LastReferenceMayGoInsideCallbacks) {
+  struct Case {
+    const char* kind;
+    std::function<void(IChannel*)> trigger;
+    size_t events;
+  } cases[] = {{"timeout", [](IChannel* c) { c->ForceAllTimeout(); }, 2},
+               {"recv", [](IChannel*) { FakeUdp::made.back()->Deliver("x", IPEndPoint("127.0.0.1", 9000)); }, 1},
+               {"timeout", nullptr, 1}};  // the last: the timer's
+  int gone = 0;
+  for (const Case& c : cases) {
+    RefPtr<IChannel> owner = NewChannel();
+    ConnectOk(owner);
+    SendOk(c.trigger ? longSchedule.Get() : Schedule({20}).Get(), owner);
+    if (c.trigger) SendOk(longSchedule, owner);
+    IChannel* raw = owner.Detach();
+    size_t before = sink->Count(c.kind);
+    sink->hook = [&, kind = std::string(c.kind)](const Event& e) {
+      if (e.kind == kind && raw) std::exchange(raw, nullptr)->Release();
+    };
+    if (c.trigger) OnLoop([&] { c.trigger(raw); });
+    ASSERT_TRUE(sink->Wait(c.kind, before + c.events));
+    ++gone;
+    EXPECT_TRUE(zstest::WaitUntil([&] { return log.Count(kQuietClose) == gone; }));
+    sink->hook = nullptr;
+  }
+}
+
+TEST_F(ChannelTest, ReleaseOnAnotherThreadWithAResolutionInFlight) {
+  ASSERT_EQ(0, channel->Connect("gone-before-answer.invalid", 9000, nullptr));
+  SendOk(longSchedule);
+  channel = nullptr;
+  EXPECT_TRUE(zstest::WaitUntil(
+      [&] { return log.CountPrefix("_OnHostResolveResult, fail, host=gone-before-answer.invalid") == 1; }));
+  zstest::Drain(loop);
+  EXPECT_EQ(0u, sink->Count(""));  // the answer found nobody
+}
+
+// Property: every accepted packet ends exactly once (CancelSend, OnTimeout, or
+// silently by CancelAll or Close); after its end only OnSend for a datagram
+// already in the socket names it.  A reference model judges each callback of
+// random operations, socket reports and answers over a scripted socket.
+class Model : public IChannelSink, public RefCountBase {
+ public:
+  int AddRef() override { return InternalAddRef(); }
+  int Release() override { return InternalRelease(); }
+  void OnConnect(int status) override { ++stats["connect"], connected = status == 0; }
+  void OnSend(unsigned int cookie, IConstBuffer*, const IPEndPoint&) override {
+    ++stats["send"];
+    if (!pending.count(cookie) && !(ended.count(cookie) && ended[cookie].count(completing)))
+      Fail("OnSend after the end, or of a cookie never accepted", cookie);
+  }
+  void OnRecv(unsigned char*, int, const IPEndPoint&) override { ++stats["recv"]; }
+  void OnTimeout(unsigned int cookie, int) override {
+    ++stats["timeout"];
+    if (!pending.count(cookie)) return Fail("OnTimeout of a packet not pending", cookie);
+    End(cookie);
+  }
+  void OnClose() override {
+    ++stats["close"];
+    connected = false;
+    if (!expectingClose || !pending.empty()) Fail("OnClose without a socket failure, or before a timeout", 0);
+  }
+  void Accept(unsigned int cookie) {
+    if (!pending.insert(cookie).second || ended.count(cookie)) Fail("cookie given twice", cookie);
+  }
+  void End(unsigned int cookie) {
+    pending.erase(cookie);
+    std::set<size_t>& inSocket = ended[cookie];  // its datagrams the socket still held
+    for (size_t i = socket ? socket->reported : 0; socket && i < socket->sent.size(); ++i)
+      if (socket->sent[i].ctx == reinterpret_cast<void*>(static_cast<uintptr_t>(cookie))) inSocket.insert(i);
+  }
+  void EndAll() {
+    for (unsigned int c : std::set<unsigned int>(pending)) End(c);
+  }
+  void Fail(const std::string& what, unsigned int cookie) { failures.push_back(what + " " + std::to_string(cookie)); }
+
+  std::set<unsigned int> pending;
+  std::map<unsigned int, std::set<size_t>> ended;
+  std::vector<std::string> failures;
+  std::map<std::string, int> stats;
+  RefPtr<FakeUdp> socket;
+  size_t completing = 0;  // index of the datagram whose report is being delivered
+  bool connected = false, expectingClose = false;
+};
+
+TEST_F(ChannelTest, EveryAcceptedPacketEndsExactlyOnce) {
+  // Long schedules end by operations; short ones time out meanwhile.
+  RefPtr<IChannelSendOption> schedules[] = {Schedule({60000, 60000}), Schedule({30, 40})};
+  std::map<std::string, int> total;
+  for (unsigned seed = 1; seed <= 60; ++seed) {
+    std::mt19937 random(seed);
+    auto pick = [&random](size_t n) { return random() % n; };
+    RefPtr<Model> model;
+    model.Attach(new Model());
+    channel = NewChannel();
+    channel->SetSink(model);
+    for (int step = 0; step < 120; ++step) {
+      size_t op = pick(100);
+      unsigned int cookie = 0;
+      bool connected = false;
+      if (op < 15 && channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) {
+        loop.SyncCall([&] { model->Accept(cookie); });  // the hop ran before this later call
+      } else if (op >= 93) {                            // Connect when idle, and wait for OnConnect
+        loop.SyncCall([&] { model->connected || channel->Connect("127.0.0.1", 9, nullptr); });
+        zstest::WaitUntil([&] { return loop.SyncCall([&] { connected = model->connected; }), connected; });
+        loop.SyncCall([&] { model->socket = FakeUdp::made.back(); });
+      }
+      loop.SyncCall([&] {
+        RefPtr<FakeUdp> socket = model->connected ? model->socket : nullptr;
+        if (op < 30) {  // from the loop thread this time
+          if (op >= 15 && channel->Send(zstest::Buf("q"), schedules[pick(3) == 0], cookie) == 0) model->Accept(cookie);
+        } else if (op < 45) {  // CancelSend of a pending, an ended or an unknown cookie
+          cookie = !model->pending.empty() && pick(4) ? *std::next(model->pending.begin(), pick(model->pending.size()))
+                   : model->ended.empty()             ? 987654321u
+                                                      : model->ended.begin()->first;
+          bool wasPending = model->pending.count(cookie);
+          int retry = -1, send = -1;
+          channel->CancelSend(cookie, &retry, &send);
+          if (wasPending) model->End(cookie);
+          if (!wasPending && (retry || send)) model->Fail("CancelSend found an ended packet", cookie);
+        } else if (op < 52) {
+          channel->CancelAll();
+          model->EndAll();
+        } else if (op < 58) {
+          channel->ForceAllTimeout();  // each pending packet: OnTimeout, inside this call
+          if (!model->pending.empty()) model->Fail("pending after ForceAllTimeout", 0);
+        } else if (op < 63) {
+          channel->Close();
+          model->EndAll();
+          model->connected = false;
+        } else if (op < 85 && socket && socket->reported < socket->sent.size()) {
+          // Now and then an error, which fails the socket: OnTimeout for each, then OnClose.
+          model->completing = socket->reported;
+          model->expectingClose = pick(12) == 0;
+          socket->CompleteSend(model->expectingClose ? -5 : 0);
+        } else if (op < 93 && socket && socket->recvBuffer) {
+          model->expectingClose = pick(8) == 0;
+          model->expectingClose ? socket->FailRecv(-104) : socket->Deliver("answer", IPEndPoint("127.0.0.1", 9));
+        }
+        model->expectingClose = false;
+      });
+    }
+    loop.SyncCall([&] {
+      channel->ForceAllTimeout();
+      channel->Close();
+      if (!model->pending.empty()) model->Fail("never ended", *model->pending.begin());
+      for (auto& [k, n] : model->stats) total[k] += n;
+      total["accepted"] += static_cast<int>(model->ended.size());
+      FakeUdp::made.clear();
+      model->socket = nullptr;
+    });
+    ASSERT_TRUE(model->failures.empty()) << "seed " << seed << ": " << model->failures[0];
+    log.Clear();  // of the per-packet lines
+  }
+  // The sequences must have reached every kind of event, or they prove little.
+  for (auto [kind, least] : std::map<std::string, int>{
+           {"accepted", 1200}, {"send", 100}, {"timeout", 100}, {"close", 5}, {"connect", 60}, {"recv", 20}})
+    EXPECT_GT(total[kind], least) << kind;
+}
+
+// Real sockets from here on: the channel makes its socket at Connect.
+TEST_F(ChannelTest, DnsQueryOnLoopback) {
+  UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
+  zstest::ChildProcess dnsmasq;
+  unsigned short port = 0;
+  std::string why = zstest::StartDnsmasq(dnsmasq, &port);
+  if (!why.empty()) GTEST_SKIP() << why;
+  std::atomic<unsigned> cookie{0};  // sent from the loop thread: known before any answer
+  sink->hook = [&](const Event& e) {
+    if (e.kind == "recv") channel->CancelSend(cookie, nullptr, nullptr);
+  };
+  ConnectOk(channel, port);
+  std::vector<unsigned char> query = zstest::DnsQuery(0x1234, "example.test");
+  OnLoop([&] { cookie = SendOk(Schedule({300, 300, 300, 300}), nullptr, std::string(query.begin(), query.end())); });
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  std::string answer = sink->Of("recv")[0].data;
+  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");                                               // the query's id
+  EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));          // the A record: 10.1.2.3
+  EXPECT_TRUE(zstest::WaitUntil([&] { return log.CountPrefix("recv, cookie=1,") == 1; }));  // cancelled
+  EXPECT_EQ(0u, sink->Count("timeout"));
+}
+
+// A datagram to a closed port comes back as ICMP "port unreachable": Linux
+// reports it on a later receive of a connected socket, Windows on any socket's
+// next receive.  Neither may end the receive the channel keeps armed.
+TEST_F(ChannelTest, ClosedPortLeavesTheChannelOpenUntilThePortAnswers) {
+  UdpChannelImpl::SetUdpFactoryForTesting(nullptr);
+  RefPtr<IUdp> echo;
+  IPEndPoint closed;
+  ASSERT_TRUE(CreateUdp(echo, &loop) && echo->Open(IPEndPoint("127.0.0.1", 0)) == 0);
+  echo->GetLocalAddress(closed);
+  echo->Close();
+  ConnectOk(channel, closed.GetPort());
+  unsigned cookie = SendOk(Schedule(std::vector<int>(30, 100)));
+  ASSERT_TRUE(sink->Wait("send", 2));  // the second after the first one's report
+  auto echoSink = zstest::NewRecorder();
+  echoSink->hook = [&](const Event& e) {
+    if (e.kind == "recv") echo->Send(zstest::Buf(e.data), e.address, nullptr);
+  };
+  ASSERT_TRUE(CreateUdp(echo, &loop));
+  echo->SetSink(echoSink);
+  ASSERT_EQ(0, echo->Open(closed)) << "port " << closed.GetPort() << " was taken meanwhile";
+  ASSERT_EQ(0, echo->StartRecv(zstest::Buf(std::string(2048, '\0')), nullptr));
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  int send = -1;
+  channel->CancelSend(cookie, nullptr, &send);
+  EXPECT_GE(send, 3);
+  EXPECT_EQ(0u, sink->Count("close") + sink->Count("timeout"));
+  echo->Close();
+}
+
+// The wrapper owns its channel: once it goes, so does the channel (on the
+// default loop, whose thread outlives the test).
+TEST_F(ChannelTest, WrapperReleasesItsChannel) {
+  { UdpChannel wrapper; }
+  EXPECT_TRUE(zstest::WaitUntil([&] { return log.Count("UdpChannelImpl::_Close") == 1; }));
+}
+
+int ConnectByName(std::string& report) {
+  zstest::ChildProcess dnsmasq;
+  unsigned short port = 53;
+  if (!(report = zstest::StartDnsmasq(dnsmasq, &port)).empty()) return 77;
+  RefPtr<IChannel> channel;
+  CreateUdpChannel(channel, nullptr);
+  auto sink = zstest::NewRecorder();
+  channel->SetSink(sink);
+  IPEndPoint dest;
+  channel->Connect("example.test", 7777, nullptr);
+  sink->Wait("connect", 1, std::chrono::seconds(20));
+  channel->GetDestAddr(dest);
+  channel->Connect("nothing.invalid", 7777, nullptr);
+  sink->Wait("connect", 2, std::chrono::seconds(20));
+  channel->Close();
+  for (const std::string& e : sink->Trace()) report += e + " ";
+  report += dest.GetAddress().GetString() + ":" + std::to_string(dest.GetPort());
+  return report == "connect:0 connect:-1 10.1.2.3:7777" ? 0 : 1;
+}
+zstest::ChildRegistration g_connectByName("ConnectByName", ConnectByName);
+
+TEST(UdpChannelNetnsTest, ConnectsByNameThroughDnsmasqInANamespace) { ZS_EXPECT_CHILD_PASSES("ConnectByName"); }
+
+}  // namespace
+}  // namespace zelsocket
