@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "loop/io_loop_impl.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/channel.h"
 #include "zelsocket/io_loop.h"
@@ -656,6 +657,7 @@ constexpr int kTimers = 100000;
 void BM_Arm_Timer(benchmark::State& state) {
   IOLoop loop;
   loop.Start();
+  IOLoopImpl* impl = IOLoopImpl::Of(&loop);
   double seconds = 0;
   long total = 0;
   for (auto _ : state) {
@@ -668,6 +670,9 @@ void BM_Arm_Timer(benchmark::State& state) {
     loop.SyncCall([&] {
       auto t0 = std::chrono::steady_clock::now();
       for (auto& t : timers) t->SetTimeout(3600 * 1000, 0, [] {});
+      // Armings on the loop thread get their due times when the running phase
+      // of the loop ends; that pass is part of their cost.
+      impl->StampTimers();
       elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     });
     seconds += elapsed;
