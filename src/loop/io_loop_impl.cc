@@ -36,7 +36,6 @@ void CloseHandle(Handle*& handle) {
 
 IOLoopImpl::IOLoopImpl(IOLoop* owner) : m_owner(owner) {
   uv_mutex_init(&m_callMutex);
-  uv_mutex_init(&m_delayMutex);
   uv_mutex_init(&m_workMutex);
 }
 
@@ -44,7 +43,6 @@ IOLoopImpl::~IOLoopImpl() {
   // Destroying a running loop would leave its thread on freed state.
   ZS_DCHECK(Loop() == nullptr);
   uv_mutex_destroy(&m_workMutex);
-  uv_mutex_destroy(&m_delayMutex);
   uv_mutex_destroy(&m_callMutex);
 }
 
@@ -112,7 +110,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   m_finalOpen = true;
   uv_mutex_unlock(&m_callMutex);
 
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   m_delayTimer = NewHandle<uv_timer_t>(this);
   uv_timer_init(loop, m_delayTimer);
   uv_timer_start(m_delayTimer, _OnDelayTimer_Static, kDelayPollMs, kDelayPollMs);
@@ -121,7 +119,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   m_stampCheck = NewHandle<uv_check_t>(this);
   uv_check_init(loop, m_stampCheck);
   m_delayOpen = true;
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
 
   uv_mutex_lock(&m_workMutex);
   m_workAsync = NewHandle<uv_async_t>(this);
@@ -196,7 +194,7 @@ void IOLoopImpl::_AsyncStop() {
     CloseHandle(m_delayTimer);
     CloseHandle(m_stampPrepare);
     CloseHandle(m_stampCheck);
-    uv_mutex_lock(&m_delayMutex);
+    m_delayLock.Lock();
     m_delayOpen = false;
     std::vector<CallItem*> pending;
     pending.swap(m_delayQueue);
@@ -204,13 +202,13 @@ void IOLoopImpl::_AsyncStop() {
     timers.swap(m_timerQueue);
     timers.insert(timers.end(), m_timerFresh.begin(), m_timerFresh.end());
     m_timerFresh.clear();
-    LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-delay-async-call=%u",
-            static_cast<unsigned>(pending.size() + timers.size()));
     std::vector<TimerImpl*> released;
     for (TimerEntry& entry : timers) {
       if (entry.timer->_DropEntryLocked()) released.push_back(entry.timer);
     }
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
+    LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-delay-async-call=%u",
+            static_cast<unsigned>(pending.size() + timers.size()));
     for (CallItem* item : pending) _DropItem(item);
     for (TimerImpl* timer : released) timer->Release();
   }
@@ -494,22 +492,22 @@ int IOLoopImpl::DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data,
   item->fn = std::move(fn);
   item->data = data;
   item->due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   if (!m_delayOpen) {
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
     delete item;
     return -1;
   }
   m_delayQueue.push_back(item);
   std::push_heap(m_delayQueue.begin(), m_delayQueue.end(), DueLater());
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
   return 0;
 }
 
 std::size_t IOLoopImpl::PendingDelayCalls() {
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   std::size_t n = m_delayQueue.size() + m_timerQueue.size() + m_timerFresh.size();
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
   return n;
 }
 
@@ -542,9 +540,9 @@ void IOLoopImpl::_OnStampCheck_Static(uv_check_t* handle) { static_cast<IOLoopIm
 
 void IOLoopImpl::StampTimers() {
   ZS_DCHECK(IsLoopThread());
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   _StampTimersLocked();
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
 }
 
 void IOLoopImpl::_StampTimersLocked() {
@@ -578,7 +576,7 @@ void IOLoopImpl::_OnDelayTimer() {
     std::uint32_t current = 0;
     bool rearmFailed = false;
     bool dead = false;
-    uv_mutex_lock(&m_delayMutex);
+    m_delayLock.Lock();
     auto now = static_cast<std::int64_t>(platform::TickMs());
     bool callDue = !m_delayQueue.empty() && now > m_delayQueue.front()->due;
     bool timerDue = !m_timerQueue.empty() && now > m_timerQueue.front().due;
@@ -592,7 +590,7 @@ void IOLoopImpl::_OnDelayTimer() {
       m_timerQueue.pop_back();
       current = entry.timer->_TakeDueLocked(entry.id, fire, rearmFailed, dead);
     }
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
     if (item) {
       _InvokeItem(item);
     } else if (entry.timer) {

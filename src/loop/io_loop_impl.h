@@ -12,6 +12,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/spin_lock.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
 
@@ -49,8 +50,8 @@ class IOLoopImpl {
 
   // Timers share the lock of the delayed calls, which also guards each
   // TimerImpl's own state, so that an arming takes one lock and no allocation.
-  void LockTimers() { uv_mutex_lock(&m_delayMutex); }
-  void UnlockTimers() { uv_mutex_unlock(&m_delayMutex); }
+  void LockTimers() { m_delayLock.Lock(); }
+  void UnlockTimers() { m_delayLock.Unlock(); }
   // Under LockTimers: queues arming `id` of `timer` (counted in its m_entries,
   // which keeps it alive) for the poll after `delayMs`.  False when the loop refuses.
   bool PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer);
@@ -171,11 +172,13 @@ class IOLoopImpl {
   // before the poll blocks (prepare) or right after the I/O callbacks (check),
   // whichever comes first.  A due time counted from then is never earlier than
   // one counted from the call, and later only by what ran after the call in the
-  // same phase.  Only the loop thread touches it, under m_delayMutex.
+  // same phase.  Only the loop thread touches it, under m_delayLock.
   std::vector<TimerEntry> m_timerFresh;
   uv_prepare_t* m_stampPrepare = nullptr;
   uv_check_t* m_stampCheck = nullptr;
-  uv_mutex_t m_delayMutex;
+  // A spin lock: every section under it is a heap push or pop, a timer's few
+  // fields, or a pass over armings just made; see core/spin_lock.h.
+  SpinLock m_delayLock;
   bool m_delayOpen = false;
 
   uv_async_t* m_workAsync = nullptr;
