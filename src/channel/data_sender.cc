@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -220,15 +221,21 @@ void DataSender::_ResendAllPacketsWhenResumeFromPause() {
 }
 
 void DataSender::_LogPacket(bool info, const char* stage, Packet* packet) {
-  std::tm local{};
-  char sendTime[1024];
-  int used = 0;
-  if (platform::LocalTime(packet->createTime, &local)) {
-    used = std::snprintf(sendTime, sizeof(sendTime), "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
-                         local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-  } else {
-    sendTime[0] = '\0';
+  if (packet->createTime != m_dateSecond) {
+    std::tm local{};
+    m_dateSecond = packet->createTime;
+    m_dateLength = 0;
+    if (platform::LocalTime(packet->createTime, &local)) {
+      m_dateLength = std::snprintf(m_dateText, sizeof(m_dateText), "%04d/%02d/%02d %02d:%02d:%02d",
+                                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                   local.tm_min, local.tm_sec);
+      if (m_dateLength < 0 || m_dateLength >= static_cast<int>(sizeof(m_dateText))) m_dateLength = 0;
+    }
+    m_dateText[m_dateLength] = '\0';
   }
+  char sendTime[1024];
+  std::memcpy(sendTime, m_dateText, static_cast<std::size_t>(m_dateLength) + 1);
+  int used = m_dateLength;
   for (std::int64_t stamp : packet->sendTimes) {
     if (used < 0 || used >= static_cast<int>(sizeof(sendTime)) - 1) break;
     int delta = static_cast<std::int32_t>(Low32(static_cast<std::uint64_t>(stamp)) -

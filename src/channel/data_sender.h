@@ -126,6 +126,11 @@ class DataSender {
   Timer m_timer;
   Async m_async;
   PacketMap m_timeoutPackets;
+  // The local time of the last creation second that was logged, as text: every
+  // packet's end is logged, and packets of one second share it.
+  std::int64_t m_dateSecond = -1;
+  char m_dateText[80] = {};  // room for any six ints
+  int m_dateLength = 0;
 };
 
 }  // namespace zelsocket

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <memory>
 
 #include "core/platform.h"
 
@@ -16,14 +15,16 @@ std::atomic<LogCallback> g_logCallback{nullptr};
 void SetLogCallback(LogCallback callback) { g_logCallback.store(callback, std::memory_order_release); }
 
 void LogWrite(LOG_LEVEL level, const char* tag, const char* format, va_list args) {
-  std::unique_ptr<char[]> line(new char[kLineSize]);
-  platform::FormatV(line.get(), kLineSize, format, args);
+  // On the stack: a line this size is past the allocator's per-thread cache,
+  // and the channel logs the end of every packet.
+  char line[kLineSize];
+  platform::FormatV(line, kLineSize, format, args);
   line[kLineSize - 1] = '\0';
   LogCallback callback = g_logCallback.load(std::memory_order_acquire);
   if (callback) {
-    callback(level, tag, line.get());
+    callback(level, tag, line);
   } else {
-    std::printf("%s\n", line.get());
+    std::printf("%s\n", line);
   }
 }
 

@@ -36,7 +36,6 @@ void CloseHandle(Handle*& handle) {
 
 IOLoopImpl::IOLoopImpl(IOLoop* owner) : m_owner(owner) {
   uv_mutex_init(&m_callMutex);
-  uv_mutex_init(&m_delayMutex);
   uv_mutex_init(&m_workMutex);
 }
 
@@ -44,7 +43,6 @@ IOLoopImpl::~IOLoopImpl() {
   // Destroying a running loop would leave its thread on freed state.
   ZS_DCHECK(Loop() == nullptr);
   uv_mutex_destroy(&m_workMutex);
-  uv_mutex_destroy(&m_delayMutex);
   uv_mutex_destroy(&m_callMutex);
 }
 
@@ -112,12 +110,16 @@ void IOLoopImpl::_InitOnLoopThread() {
   m_finalOpen = true;
   uv_mutex_unlock(&m_callMutex);
 
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   m_delayTimer = NewHandle<uv_timer_t>(this);
   uv_timer_init(loop, m_delayTimer);
   uv_timer_start(m_delayTimer, _OnDelayTimer_Static, kDelayPollMs, kDelayPollMs);
+  m_stampPrepare = NewHandle<uv_prepare_t>(this);
+  uv_prepare_init(loop, m_stampPrepare);
+  m_stampCheck = NewHandle<uv_check_t>(this);
+  uv_check_init(loop, m_stampCheck);
   m_delayOpen = true;
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
 
   uv_mutex_lock(&m_workMutex);
   m_workAsync = NewHandle<uv_async_t>(this);
@@ -190,19 +192,23 @@ void IOLoopImpl::_AsyncStop() {
   if (m_delayTimer) {
     uv_timer_stop(m_delayTimer);
     CloseHandle(m_delayTimer);
-    uv_mutex_lock(&m_delayMutex);
+    CloseHandle(m_stampPrepare);
+    CloseHandle(m_stampCheck);
+    m_delayLock.Lock();
     m_delayOpen = false;
     std::vector<CallItem*> pending;
     pending.swap(m_delayQueue);
     std::vector<TimerEntry> timers;
     timers.swap(m_timerQueue);
-    LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-delay-async-call=%u",
-            static_cast<unsigned>(pending.size() + timers.size()));
+    timers.insert(timers.end(), m_timerFresh.begin(), m_timerFresh.end());
+    m_timerFresh.clear();
     std::vector<TimerImpl*> released;
     for (TimerEntry& entry : timers) {
-      if (--entry.timer->m_entries == 0) released.push_back(entry.timer);
+      if (entry.timer->_DropEntryLocked()) released.push_back(entry.timer);
     }
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
+    LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-delay-async-call=%u",
+            static_cast<unsigned>(pending.size() + timers.size()));
     for (CallItem* item : pending) _DropItem(item);
     for (TimerImpl* timer : released) timer->Release();
   }
@@ -486,22 +492,22 @@ int IOLoopImpl::DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data,
   item->fn = std::move(fn);
   item->data = data;
   item->due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
-  uv_mutex_lock(&m_delayMutex);
+  m_delayLock.Lock();
   if (!m_delayOpen) {
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
     delete item;
     return -1;
   }
   m_delayQueue.push_back(item);
   std::push_heap(m_delayQueue.begin(), m_delayQueue.end(), DueLater());
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Unlock();
   return 0;
 }
 
 std::size_t IOLoopImpl::PendingDelayCalls() {
-  uv_mutex_lock(&m_delayMutex);
-  std::size_t n = m_delayQueue.size() + m_timerQueue.size();
-  uv_mutex_unlock(&m_delayMutex);
+  m_delayLock.Lock();
+  std::size_t n = m_delayQueue.size() + m_timerQueue.size() + m_timerFresh.size();
+  m_delayLock.Unlock();
   return n;
 }
 
@@ -509,27 +515,68 @@ void IOLoopImpl::_OnDelayTimer_Static(uv_timer_t* handle) { static_cast<IOLoopIm
 
 bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer) {
   if (!m_delayOpen || _Refusing()) return false;
+  ++timer->m_entries;
+  if (IsLoopThread()) {
+    // Stamped with the others when this phase of the loop ends (see
+    // m_timerFresh): one clock read for all armings of a callback run.
+    if (m_timerFresh.empty()) {
+      uv_prepare_start(m_stampPrepare, _OnStampPrepare_Static);
+      uv_check_start(m_stampCheck, _OnStampCheck_Static);
+    }
+    m_timerFresh.push_back(TimerEntry{delayMs, id, timer});
+    return true;
+  }
   // The precise clock: the coarse one can lag by more than its resolution
   // (late scheduler ticks on a busy host), which would fire a timer early.
   std::int64_t due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
-  if (timer->m_entries++ == 0) timer->AddRef();
   m_timerQueue.push_back(TimerEntry{due, id, timer});
   std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
   return true;
+}
+
+void IOLoopImpl::_OnStampPrepare_Static(uv_prepare_t* handle) { static_cast<IOLoopImpl*>(handle->data)->StampTimers(); }
+
+void IOLoopImpl::_OnStampCheck_Static(uv_check_t* handle) { static_cast<IOLoopImpl*>(handle->data)->StampTimers(); }
+
+void IOLoopImpl::StampTimers() {
+  ZS_DCHECK(IsLoopThread());
+  m_delayLock.Lock();
+  _StampTimersLocked();
+  m_delayLock.Unlock();
+}
+
+void IOLoopImpl::_StampTimersLocked() {
+  ZS_DCHECK(IsLoopThread());
+  if (m_timerFresh.empty()) return;
+  // Read after every arming in the list: their delays count from no earlier
+  // than the calls.
+  auto now = static_cast<std::int64_t>(platform::TickMs());
+  for (TimerEntry& entry : m_timerFresh) {
+    entry.due += now;
+    m_timerQueue.push_back(entry);
+    std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
+  }
+  m_timerFresh.clear();
+  if (m_stampPrepare) {
+    uv_prepare_stop(m_stampPrepare);
+    uv_check_stop(m_stampCheck);
+  }
 }
 
 // Runs what has come due, delayed calls and timers alike, earliest first.
 void IOLoopImpl::_OnDelayTimer() {
   ZS_DCHECK(IsLoopThread());
   if (_StopBegun()) return;
+  // Armings left from the close callbacks of the last iteration.
+  StampTimers();
   for (;;) {
     CallItem* item = nullptr;
     TimerEntry entry{0, 0, nullptr};
     std::function<void()> fire;
     std::uint32_t current = 0;
     bool rearmFailed = false;
-    bool lastEntry = false;
-    uv_mutex_lock(&m_delayMutex);
+    bool dead = false;
+    m_delayLock.Lock();
     auto now = static_cast<std::int64_t>(platform::TickMs());
     bool callDue = !m_delayQueue.empty() && now > m_delayQueue.front()->due;
     bool timerDue = !m_timerQueue.empty() && now > m_timerQueue.front().due;
@@ -541,16 +588,15 @@ void IOLoopImpl::_OnDelayTimer() {
       std::pop_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
       entry = m_timerQueue.back();
       m_timerQueue.pop_back();
-      current = entry.timer->_TakeDueLocked(entry.id, fire, rearmFailed);
-      // A re-arming has just added an entry, so the reference stays for it.
-      lastEntry = --entry.timer->m_entries == 0;
+      current = entry.timer->_TakeDueLocked(entry.id, fire, rearmFailed, dead);
     }
-    uv_mutex_unlock(&m_delayMutex);
+    m_delayLock.Unlock();
     if (item) {
       _InvokeItem(item);
     } else if (entry.timer) {
-      entry.timer->_OnDue(entry.id, current, std::move(fire), rearmFailed);
-      if (lastEntry) entry.timer->Release();  // may be the last reference
+      // Past the unlock the timer may be gone unless it is ours (dead).
+      TimerImpl::_OnDue(entry.id, current, std::move(fire), rearmFailed);
+      if (dead) entry.timer->Release();
     } else {
       return;
     }

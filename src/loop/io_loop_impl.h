@@ -12,6 +12,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/spin_lock.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
 
@@ -49,11 +50,15 @@ class IOLoopImpl {
 
   // Timers share the lock of the delayed calls, which also guards each
   // TimerImpl's own state, so that an arming takes one lock and no allocation.
-  void LockTimers() { uv_mutex_lock(&m_delayMutex); }
-  void UnlockTimers() { uv_mutex_unlock(&m_delayMutex); }
-  // Under LockTimers: queues arming `id` of `timer` (which the entry holds a
-  // reference to) for the poll after `delayMs`.  False when the loop refuses.
+  void LockTimers() { m_delayLock.Lock(); }
+  void UnlockTimers() { m_delayLock.Unlock(); }
+  // Under LockTimers: queues arming `id` of `timer` (counted in its m_entries,
+  // which keeps it alive) for the poll after `delayMs`.  False when the loop refuses.
   bool PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer);
+  // On the loop thread: gives the armings made there since the last stamp their
+  // due times now.  The loop does this itself before it polls and after I/O;
+  // the benchmarks call it to count its cost with the arming.
+  void StampTimers();
 
  private:
   // What a SyncCall from another thread waits on.  Lives on the caller's stack.
@@ -91,7 +96,7 @@ class IOLoopImpl {
   struct TimerEntry {
     std::int64_t due;
     std::uint32_t id;
-    TimerImpl* timer;  // holds a reference
+    TimerImpl* timer;  // counted in timer->m_entries
   };
   struct TimerDueLater {
     bool operator()(const TimerEntry& a, const TimerEntry& b) const { return a.due > b.due; }
@@ -109,6 +114,7 @@ class IOLoopImpl {
   void _ReclaimDeadLoops();
   static void _ReapLoop(uv_loop_t* loop);
   void _OnDelayTimer();
+  void _StampTimersLocked();
   void _OnAsyncQueueWork();
   void _OnAfterWork(WorkItem* item, int status);
   void _WaitForWakers();
@@ -122,6 +128,8 @@ class IOLoopImpl {
   static void _OnCallCheck_Static(uv_check_t* handle);
   static void _OnCallIdle_Static(uv_idle_t* handle);
   static void _OnDelayTimer_Static(uv_timer_t* handle);
+  static void _OnStampPrepare_Static(uv_prepare_t* handle);
+  static void _OnStampCheck_Static(uv_check_t* handle);
   static void _OnAsyncQueueWork_Static(uv_async_t* handle);
   static void _OnWork_Static(uv_work_t* req);
   static void _OnAfterWork_Static(uv_work_t* req, int status);
@@ -159,7 +167,18 @@ class IOLoopImpl {
   uv_timer_t* m_delayTimer = nullptr;
   std::vector<CallItem*> m_delayQueue;  // min-heap by due
   std::vector<TimerEntry> m_timerQueue;  // min-heap by due, beside m_delayQueue
-  uv_mutex_t m_delayMutex;
+  // Armings made on the loop thread, whose `due` still holds the delay: the
+  // clock is read once for all of them when the running phase of the loop ends,
+  // before the poll blocks (prepare) or right after the I/O callbacks (check),
+  // whichever comes first.  A due time counted from then is never earlier than
+  // one counted from the call, and later only by what ran after the call in the
+  // same phase.  Only the loop thread touches it, under m_delayLock.
+  std::vector<TimerEntry> m_timerFresh;
+  uv_prepare_t* m_stampPrepare = nullptr;
+  uv_check_t* m_stampCheck = nullptr;
+  // A spin lock: every section under it is a heap push or pop, a timer's few
+  // fields, or a pass over armings just made; see core/spin_lock.h.
+  SpinLock m_delayLock;
   bool m_delayOpen = false;
 
   uv_async_t* m_workAsync = nullptr;
