@@ -1,9 +1,11 @@
-// Socket creation past layered providers, over a catalogue in memory, so that
-// the walk and the fallback chain are tested where no catalogue exists.
+// Socket creation past layered providers: over a catalogue in memory, so that
+// the walk and the fallback chain are tested where no catalogue exists, and on
+// Windows over the catalogue the system really has.
 #include "socket/non_lsp_socket.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -132,6 +134,45 @@ TEST(NonLspSocketTest, FallbackChain) {
     EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
   }
 }
+
+#ifdef _WIN32
+// The base providers found are the ones WSAEnumProtocolsW reports, and each
+// socket stands on that very entry.
+TEST(NonLspSocketTest, FindsTheBaseProvidersOfTheRealCatalogue) {
+  WSADATA wsa{};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &wsa), 0);
+  int protocols[] = {IPPROTO_TCP, IPPROTO_UDP, 0};
+  DWORD length = 0;
+  ::WSAEnumProtocolsW(protocols, nullptr, &length);
+  std::vector<WSAPROTOCOL_INFOW> catalogue(length / sizeof(WSAPROTOCOL_INFOW) + 1);
+  length = static_cast<DWORD>(catalogue.size() * sizeof(WSAPROTOCOL_INFOW));
+  int n = ::WSAEnumProtocolsW(protocols, catalogue.data(), &length);
+  ASSERT_GT(n, 0) << ::WSAGetLastError();
+  catalogue.resize(static_cast<size_t>(n));
+  zstest::LogRecorder log;
+  NonLspSocketFactory factory(NativeNonLspPlatform());
+  for (int af : {AF_INET, AF_INET6}) {
+    auto expected = std::find_if(catalogue.begin(), catalogue.end(), [&](const WSAPROTOCOL_INFOW& e) {
+      return e.iAddressFamily == af && e.iSocketType == SOCK_DGRAM && IsEqualGUID(e.ProviderId, *BaseProviderId(af));
+    });
+    ASSERT_NE(expected, catalogue.end()) << "no base UDP provider for af=" << af;
+    for (int round = 0; round < 2; ++round) {
+      SOCKET s = factory.CreateNonLSPSocket(af);
+      ASSERT_NE(s, INVALID_SOCKET);
+      WSAPROTOCOL_INFOW actual{};
+      int size = sizeof actual;
+      ASSERT_EQ(0, ::getsockopt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&actual), &size));
+      EXPECT_EQ(expected->dwCatalogEntryId, actual.dwCatalogEntryId);
+      ::closesocket(s);
+    }
+    // The record is cached: found and logged once.
+    EXPECT_EQ(1, log.CountPrefix("CreateNonLSPSocket, _GetBaseProviderInfo ok, af=" + std::to_string(af) +
+                                 ", type=2, protocol=17, EntryId=" + std::to_string(expected->dwCatalogEntryId) + ","));
+  }
+  EXPECT_EQ(0, log.CountPrefix("CreateNonLSPSocket, _GetBaseProviderInfo fail"));
+  WSACleanup();
+}
+#endif
 
 }  // namespace
 }  // namespace zelsocket

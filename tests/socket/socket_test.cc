@@ -1,0 +1,515 @@
+// The UDP and TCP sockets and their operations against echo peers and a real
+// HTTP server on loopback.
+#include <gtest/gtest.h>
+#include <uv.h>
+
+#include <cstring>
+#include <random>
+
+#include "socket/udp_impl.h"
+#include "socket/uv_tcp_recv.h"
+#include "socket/uv_udp_recv.h"
+#include "support/peers.h"
+#include "support/process.h"
+#include "support/recorder.h"
+
+namespace zelsocket {
+namespace {
+
+using zstest::Buf;
+using zstest::CountOf;
+using zstest::Ctx;
+using zstest::Event;
+
+class SocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(loop.Start(), 0);
+    ASSERT_TRUE(CreateUdp(udp, &loop) && CreateTcp(tcp, &loop));
+    udp->SetSink(sink);
+    tcp->SetSink(sink);
+  }
+  void TearDown() override {
+    if (tcp) tcp->Close();
+    tcp = nullptr, udp = nullptr;
+    loop.Stop();  // a handle left open would keep the loop's storage, which ASan reports
+  }
+  void OnLoop(const std::function<void()>& fn) { ASSERT_EQ(loop.SyncCall(fn), 0); }
+  zstest::LogRecorder log;  // also keeps the per-datagram lines off the output
+  IOLoop loop;
+  RefPtr<zstest::Recorder> sink = zstest::NewRecorder();
+  RefPtr<IUdp> udp;
+  RefPtr<ITcp> tcp;
+  zstest::UdpEchoPeer peer;
+  const IPEndPoint to{"127.0.0.1", peer.Port()};
+};
+using UdpTest = SocketTest;
+using TcpTest = SocketTest;
+
+// Refused at once, on any thread, with no report.
+TEST_F(SocketTest, BadInputIsRefusedAtOnceWithoutAReport) {
+  RefPtr<IMutableBuffer> b = Buf("data");
+  const std::vector<std::function<int()>> calls = {
+      [&] { return udp->Send(nullptr, to, nullptr); },
+      [&] { return udp->Send(b, IPEndPoint(IPAddress::Loopback, 0), nullptr); },
+      [&] { return udp->Send(b, IPEndPoint(), nullptr); },
+      [&] { return udp->Recv(nullptr, nullptr); },
+      [&] { return udp->StartRecv(nullptr, nullptr); },
+      [&] { return udp->Open(IPEndPoint()); },
+      [&] { return tcp->Connect(IPEndPoint("127.0.0.1", 0), nullptr); },
+      [&] { return tcp->Send(nullptr, nullptr); },
+      [&] { return tcp->Send(Buf(), nullptr); },
+      [&] { return tcp->Recv(nullptr, nullptr); },
+  };
+  for (bool onLoop : {false, true}) {
+    for (size_t i = 0; i < calls.size(); ++i) {
+      int result = 0;
+      auto call = [&] { result = calls[i](); };
+      onLoop ? OnLoop(call) : call();
+      EXPECT_EQ(result, -1) << i << (onLoop ? " on the loop" : "");
+    }
+  }
+  UdpOpenOptions plain;  // a plain socket is IPv4 whatever the bind address says: libuv's error
+  plain.bindAddress = IPEndPoint("::1", 0);
+  plain.nonLspSocket = false;
+  EXPECT_LT(udp->Open(plain), -1);
+  EXPECT_EQ(tcp->Open(IPEndPoint()), UV_EINVAL);
+  EXPECT_FALSE(udp->IsOpen() || tcp->IsOpen());
+  RefPtr<UvTcpRecv> recvOp;  // checks the handle on its own, before anything else
+  recvOp.Attach(new UvTcpRecv());
+  OnLoop([&] { EXPECT_EQ(recvOp->Recv(nullptr, b, nullptr, sink), -1); });
+  zstest::Drain(loop);
+  EXPECT_EQ(sink->Count(""), 0u);
+}
+
+class FamilyTest : public SocketTest, public ::testing::WithParamInterface<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Loopback, FamilyTest, ::testing::Values("127.0.0.1", "::1"));
+
+// Sends back to back, every report in order; receives served once and in
+// order, re-armed as each completes; cancelled ones never reported, and bytes
+// that come meanwhile wait for the next; the end of the stream is an empty
+// read, for every later receive too.
+TEST_P(FamilyTest, TcpEchoesInOrderToTheEndOfTheStream) {
+  zstest::TcpEchoPeer peer(GetParam());
+  const std::vector<std::string> parts = {"alpha-", "beta-", std::string(100000, 'x'), "-omega"};
+  const IPEndPoint any(std::strchr(GetParam(), ':') ? "::" : "0.0.0.0", 0);  // the implicit open is IPv4
+  ASSERT_EQ(tcp->Open(any), 0);
+  ASSERT_EQ(tcp->Connect(IPEndPoint(GetParam(), peer.Port()), Ctx(7)), 0);
+  ASSERT_TRUE(sink->Wait("connect", 1));
+  Event connected = sink->Of("connect")[0];
+  EXPECT_TRUE(connected.status == 0 && connected.ctx == Ctx(7) && connected.address.GetPort() == peer.Port());
+  IPEndPoint remote;
+  ASSERT_EQ(tcp->GetRemoteAddress(remote), 0);
+  EXPECT_EQ(remote.GetAddress().GetString(), GetParam());
+
+  long next = 1;
+  sink->hook = [&](const Event& e) {
+    if (e.kind == "recv" && !e.data.empty()) tcp->Recv(Buf(), Ctx(next++));
+  };
+  for (size_t i = 0; i < parts.size(); ++i) ASSERT_EQ(tcp->Send(Buf(parts[i]), Ctx(10 + i)), 0);
+  OnLoop([&] { tcp->Recv(Buf(), Ctx(next++)), tcp->Recv(Buf(), Ctx(next++)); });
+  std::string echoed, all = parts[0] + parts[1] + parts[2] + parts[3];
+  ASSERT_TRUE(zstest::WaitUntil([&] {
+    echoed.clear();
+    for (const Event& e : sink->Of("recv")) echoed += e.data;
+    return echoed.size() >= all.size();
+  }));
+  EXPECT_TRUE(echoed == all);
+  std::vector<Event> sends = sink->Of("send");
+  ASSERT_EQ(sends.size(), parts.size());
+  for (size_t i = 0; i < parts.size(); ++i)
+    EXPECT_TRUE(sends[i].status == 0 && sends[i].ctx == Ctx(10 + long(i)) && sends[i].data == parts[i]) << i;
+
+  sink->hook = nullptr;  // two receives stay armed, one in libuv and one queued
+  const size_t served = sink->Count("recv");
+  ASSERT_EQ(tcp->CancelRecv(), 0);
+  ASSERT_EQ(tcp->Send(Buf("late"), nullptr), 0);
+  ASSERT_TRUE(sink->Wait("send", parts.size() + 1));
+  zstest::Drain(loop);
+  ASSERT_EQ(tcp->Recv(Buf(), Ctx(50)), 0);
+  ASSERT_TRUE(sink->Wait("recv", served + 1));
+  ASSERT_EQ(tcp->Send(Buf(std::string(1, zstest::TcpEchoPeer::kHangUp)), nullptr), 0);
+  ASSERT_EQ(tcp->Recv(Buf(), Ctx(51)), 0);
+  ASSERT_EQ(tcp->Recv(Buf(), Ctx(52)), 0);
+  ASSERT_TRUE(sink->Wait("recv", served + 3));
+  zstest::Drain(loop);
+  std::vector<Event> r = sink->Of("recv");
+  ASSERT_EQ(r.size(), served + 3);
+  for (size_t i = 0; i < r.size(); ++i) {
+    const long ctx = i < served ? long(i) + 1 : 50 + long(i - served);
+    EXPECT_TRUE(r[i].status == 0 && r[i].ctx == Ctx(ctx) && r[i].onLoop) << i;
+    EXPECT_TRUE(i < served || r[i].data == (i == served ? "late" : "")) << i;
+  }
+  EXPECT_EQ(tcp->Close(), 0);
+  EXPECT_FALSE(tcp->IsOpen());
+
+  // Closed, it connects again; a send's record lets its buffer go with its report.
+  tcp->SetSink(sink);
+  RefPtr<IMutableBuffer> again = Buf("again");
+  ASSERT_EQ(tcp->Open(any), 0);
+  ASSERT_EQ(tcp->Connect(IPEndPoint(GetParam(), peer.Port()), nullptr), 0);
+  ASSERT_TRUE(tcp->Send(again, nullptr) == 0 && tcp->Recv(Buf(), Ctx(60)) == 0);
+  ASSERT_TRUE(sink->Wait("recv", served + 4));
+  EXPECT_EQ(sink->Of("recv").back().data, "again");
+  EXPECT_TRUE(zstest::WaitUntil([&] { return CountOf(again) == 1; }));
+}
+
+TEST_F(TcpTest, RefusalsAndLibuvErrors) {
+  EXPECT_EQ(tcp->Open(IPEndPoint("::", 0)), 0);
+  EXPECT_EQ(tcp->Open(IPEndPoint("127.0.0.1", 0)), -1);  // kept as it was
+  IPEndPoint local;
+  ASSERT_EQ(tcp->GetLocalAddress(local), 0);
+  EXPECT_EQ(local.GetSockAddr()->sa_family, AF_INET6);
+  EXPECT_LT(tcp->GetRemoteAddress(local), 0);  // not connected: libuv's error
+
+  unsigned short refused = zstest::TcpEchoPeer().Port();
+  // libuv refuses an IPv4 destination for an IPv6 socket before any request;
+  // once closed and reopened as IPv4, the kernel refuses later: libuv's status.
+  ASSERT_EQ(tcp->Connect(IPEndPoint("127.0.0.1", refused), Ctx(2)), 0);
+  ASSERT_TRUE(sink->Wait("connect", 1));
+  EXPECT_EQ(tcp->Close(), 0);  // lets the sink go
+  tcp->SetSink(sink);
+  ASSERT_EQ(tcp->Connect(IPEndPoint("127.0.0.1", refused), Ctx(3)), 0);
+  ASSERT_TRUE(sink->Wait("connect", 2));
+  EXPECT_TRUE(tcp->IsOpen());  // the implicit open stays
+  EXPECT_EQ(tcp->Close(), 0);
+  tcp->SetSink(sink);
+  // Opened by a send, never connected: libuv's errors, and the queue limit of 1 MiB.
+  ASSERT_EQ(tcp->Send(Buf("hello"), Ctx(5)), 0);
+  EXPECT_EQ(tcp->Recv(Buf(), Ctx(4)), 0);
+  ASSERT_EQ(tcp->Send(Buf(std::string(1048577, 'z')), Ctx(6)), 0);
+  ASSERT_EQ(tcp->Send(Buf(std::string(1048576, 'z')), Ctx(7)), 0);  // exactly 1 MiB: accepted
+  ASSERT_TRUE(sink->Wait("send", 3) && sink->Wait("recv", 1));
+  std::map<void*, Event> by;
+  for (const Event& e : sink->Of("")) by[e.ctx] = e;
+  EXPECT_EQ(sink->Count(""), 6u);
+  EXPECT_TRUE(by[Ctx(2)].status == -1 && by[Ctx(6)].status == -1);
+  EXPECT_EQ(by[Ctx(3)].status, UV_ECONNREFUSED);
+  EXPECT_EQ(by[Ctx(3)].address.GetPort(), refused);
+  EXPECT_LT(by[Ctx(4)].status, 0);
+  EXPECT_TRUE(by[Ctx(5)].status < -1 && by[Ctx(7)].status < -1);  // libuv's own errors
+}
+
+// The value class releases the socket it created, and with it the sink.
+TEST_F(TcpTest, ValueClassReleasesTheSocketItCreated) {
+  auto other = zstest::NewRecorder();
+  {
+    UvTcp owned(&loop), borrowed(owned);
+    borrowed.SetSink(other);
+  }
+  EXPECT_TRUE(zstest::WaitUntil([&] { return CountOf(static_cast<ITcpSink*>(other.Get())) == 1; }));
+}
+
+// The sink closes the socket, drops its last reference or cancels receiving
+// inside each kind of report; released without Close, the socket closes its
+// handle.  The first echo is larger than one read, so that libuv would go on
+// into the next receive within the same callback if the sink did not stop it.
+TEST_F(TcpTest, CloseReleaseOrCancelInsideEachReport) {
+  zstest::TcpEchoPeer peer;
+  for (std::string kind : {"connect", "send", "recv"}) {
+    for (std::string action : {"close", "release", "cancel"}) {
+      if (action == "cancel" && kind != "recv") continue;
+      SCOPED_TRACE(kind + " " + action);
+      auto s = zstest::NewRecorder();
+      ITcp* raw = nullptr;
+      ASSERT_TRUE(CreateTcp(&raw, &loop));
+      raw->SetSink(s);
+      s->hook = [&, kind, action](const Event& e) {
+        if (e.kind != kind || e.ctx != Ctx(1)) return;
+        action == "close" ? raw->Close() : action == "release" ? raw->Release() : raw->CancelRecv();
+      };
+      const int ended = peer.Ended();
+      OnLoop([&] {  // queued together, so no report can come between them
+        raw->Connect(IPEndPoint("127.0.0.1", peer.Port()), Ctx(kind == "connect" ? 1 : 2));
+        raw->Send(Buf(std::string(65540, 'x')), Ctx(kind == "send" ? 1 : 2));
+        raw->Send(Buf("two"), Ctx(2));
+        raw->Recv(Buf(), Ctx(kind == "recv" ? 1 : 2));
+        raw->Recv(Buf(), Ctx(3));
+      });
+      ASSERT_TRUE(s->Wait(kind, 1));
+      if (action == "cancel") zstest::Drain(loop), raw->Close();
+      EXPECT_TRUE(zstest::WaitUntil([&] { return peer.Ended() == ended + 1; }));
+      zstest::Drain(loop);
+      // Nothing after the report that ended it.  A cancelled receive ends no
+      // send, and on Windows a send's report may come after the bytes it echoed.
+      EXPECT_TRUE(action == "cancel" || s->Of("").back().kind == kind);
+      EXPECT_EQ(s->Count("recv"), kind == "recv" ? 1u : 0u);
+      if (action != "release") raw->Release();
+    }
+  }
+}
+
+// A server nobody here wrote; HTTP/1.0, so its close ends the response.  A
+// write after that meets the broken pipe: an error, not a signal that ends
+// the process (SIGPIPE left at its default).
+TEST_F(TcpTest, FetchesAFileFromARealHttpServerAndWritesIntoItsClose) {
+  std::mt19937 random(1);
+  std::string body(4 << 20, 0);
+  std::generate(body.begin(), body.end(), [&] { return char(random()); });
+  zstest::ChildProcess server;
+  unsigned short port = 0;
+  std::string why = zstest::StartHttpServer(server, {{"large.bin", body}}, &port);
+  if (why.empty()) why = zstest::SigpipeNotDefault(true);
+  if (!why.empty()) GTEST_SKIP() << why;
+  std::atomic<bool> ended{false};
+  sink->hook = [&](const Event& e) {
+    if (e.kind == "recv" && (e.status != 0 || e.data.empty())) ended = true;
+    if (e.kind == "recv" && !ended) tcp->Recv(Buf(), nullptr);
+  };
+  ASSERT_EQ(tcp->Connect(IPEndPoint("127.0.0.1", port), nullptr), 0);
+  ASSERT_EQ(tcp->Send(Buf("GET /large.bin HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n"), nullptr), 0);
+  ASSERT_EQ(tcp->Recv(Buf(), nullptr), 0);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return ended.load(); }, std::chrono::seconds(60)));
+  std::string response;
+  for (const Event& e : sink->Of("recv")) response += e.data;
+  EXPECT_EQ(sink->Of("recv").back().status, 0);
+  EXPECT_EQ(response.compare(0, 13, "HTTP/1.0 200 "), 0) << response.substr(0, 100);
+  EXPECT_TRUE(response.size() > body.size() && response.substr(response.size() - body.size()) == body);
+  // The first write may still go out (the server answers it with a reset).
+  int failed = 0;
+  for (size_t n = 2; n <= 50 && failed == 0; ++n) {
+    ASSERT_EQ(tcp->Send(Buf("ping"), nullptr), 0);
+    ASSERT_TRUE(sink->Wait("send", n));
+    failed = sink->Of("send").back().status;
+  }
+  EXPECT_LT(failed, 0);
+  EXPECT_EQ(zstest::SigpipeNotDefault(), "");
+}
+
+// The last reference goes on one thread while another stops the loop, so
+// that the release meets every stage of the stop, with reads and writes due;
+// the socket lets its sink go and never calls it again.
+TEST_F(SocketTest, LastReleaseOfABusySocketRacesStop) {
+  zstest::TcpEchoPeer tcpPeer;
+  for (int round = 0; round < 60; ++round) {
+    ASSERT_TRUE(round == 0 || loop.Start() == 0);
+    auto s = zstest::NewRecorder();
+    RefPtr<IRefCount> object;
+    if (round % 3 == 0) {
+      RefPtr<ITcp> t;
+      ASSERT_TRUE(CreateTcp(t, &loop));
+      t->SetSink(s);
+      ASSERT_TRUE(t->Connect(IPEndPoint("127.0.0.1", tcpPeer.Port()), nullptr) == 0 && s->Wait("connect", 1));
+      ASSERT_TRUE(t->Send(Buf(std::string(4096, 'x')), nullptr) == 0 && t->Recv(Buf(), nullptr) == 0);
+      object = t.Get();
+    } else if (round % 3 == 1) {
+      RefPtr<IUdp> u;
+      ASSERT_TRUE(CreateUdp(u, &loop));
+      u->SetSink(s);
+      ASSERT_TRUE(u->Open(IPEndPoint("127.0.0.1", 0)) == 0 && u->StartRecv(Buf(), nullptr) == 0);
+      for (int i = 0; i < 20; ++i) u->Send(Buf("datagram"), to, nullptr);
+      object = u.Get();
+    } else {
+      RefPtr<IChannel> c;
+      unsigned cookie = 0;
+      ASSERT_TRUE(CreateUdpChannel(c, &loop) && c->Connect("127.0.0.1", to.GetPort(), nullptr) == 0);
+      for (int i = 0; i < 5; ++i) ASSERT_EQ(c->Send(Buf("request"), nullptr, cookie), 0);
+      object = c.Get();
+    }
+    std::thread releaser([&] { object = nullptr; });
+    EXPECT_EQ(loop.Stop(), 0);
+    releaser.join();
+    size_t events = s->Count("");
+    EXPECT_EQ(CountOf(static_cast<IUdpSink*>(s.Get())), 1);
+    EXPECT_EQ(s->Count(""), events);
+  }
+}
+
+// The first send opens an IPv4 socket on a free port.  An empty datagram does
+// not complete a receive; a fresh buffer is offered the least size, and a
+// longer datagram is cut to it without a word in the log.
+TEST_F(UdpTest, ImplicitOpenAndReceiveSizes) {
+  IPEndPoint local;
+  EXPECT_EQ(udp->GetLocalAddress(local), -1);
+  ASSERT_EQ(udp->Send(Buf(""), to, Ctx(1)), 0);
+  ASSERT_TRUE(sink->Wait("send", 1));
+  ASSERT_EQ(udp->GetLocalAddress(local), 0);
+  EXPECT_TRUE(local.GetPort() != 0 && local.GetAddress() == IPAddress::Any);
+  EXPECT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), -1);      // open already
+  ASSERT_EQ(udp->Send(Buf("v6"), IPEndPoint("::1", 9), Ctx(3)), 0);  // IPv4 socket: fails in the report
+  ASSERT_TRUE(sink->Wait("send", 2));
+  EXPECT_TRUE(sink->Of("send")[0].status == 0 && sink->Of("send")[1].status < 0);
+
+  ASSERT_TRUE(zstest::WaitUntil([&] { return peer.Received() == 1; }));  // the empty echo is back, unseen
+  ASSERT_EQ(udp->Recv(Buf(), Ctx(1)), 0);
+  ASSERT_EQ(udp->Send(Buf(""), to, nullptr), 0);
+  // Both empty echoes are back, each skipped with its line, before the log is cleared.
+  ASSERT_TRUE(zstest::WaitUntil([&] { return log.CountPrefix("UvUdpRecv::_RecvCallback, nread=0") == 2; }));
+  log.Clear();
+  ASSERT_EQ(udp->Send(Buf(std::string(20000, 'a')), to, nullptr), 0);
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  EXPECT_EQ(sink->Of("recv")[0].data, std::string(UvUdpRecv::kMinRecvSize, 'a'));
+  EXPECT_EQ(log.CountPrefix("UvUdpRecv::_RecvCallback"), 0);
+  RefPtr<IMutableBuffer> large = Buf();
+  large->Reserve(65536);
+  ASSERT_EQ(udp->Recv(large, Ctx(2)), 0);
+  ASSERT_EQ(udp->Send(Buf(std::string(30000, 'q')), to, nullptr), 0);
+  ASSERT_TRUE(sink->Wait("recv", 2));
+  EXPECT_EQ(sink->Of("recv")[1].data.size(), 30000u);
+}
+
+// One receive at a time, refused in its report while another is armed or the
+// socket is closed; a sink may arm the next; cancelled, a receive reports
+// nothing and what comes meanwhile waits in the kernel.  Reports come later,
+// on the loop thread, in order.
+TEST_P(FamilyTest, UdpReceivesOneAtATimeAndReportsLaterInOrder) {
+  zstest::UdpEchoPeer peer(nullptr, GetParam());
+  const IPEndPoint to(GetParam(), peer.Port());
+  ASSERT_EQ(udp->Recv(Buf(), Ctx(1)), 0);
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  ASSERT_EQ(udp->Open(IPEndPoint(GetParam(), 0)), 0);
+  int rearm = 99, startWhileArmed = 99;
+  size_t reportsDuringCall = 99;
+  sink->hook = [&](const Event& e) {
+    if (e.kind == "recv" && e.ctx == Ctx(2)) rearm = udp->Recv(Buf(), Ctx(4));
+  };
+  ASSERT_TRUE(udp->Recv(Buf(), Ctx(2)) == 0 && udp->Recv(Buf(), Ctx(3)) == 0);
+  OnLoop([&] {
+    startWhileArmed = udp->StartRecv(Buf(), Ctx(5));
+    ASSERT_EQ(udp->Send(Buf("one"), to, Ctx(11)), 0);
+    reportsDuringCall = sink->Count("send");
+  });
+  EXPECT_TRUE(startWhileArmed == -1 && reportsDuringCall == 0);
+  ASSERT_EQ(udp->Send(Buf("two"), to, Ctx(12)), 0);
+  ASSERT_TRUE(sink->Wait("recv", 4) && sink->Wait("send", 2));
+  EXPECT_EQ(rearm, 0);
+  ASSERT_EQ(udp->StartRecv(Buf(), Ctx(6)), 0);
+  EXPECT_EQ(udp->CancelRecv(), 0);
+  ASSERT_EQ(udp->Send(Buf("while disarmed"), to, nullptr), 0);
+  ASSERT_TRUE(zstest::WaitUntil([&] { return peer.Received() == 3; }));
+  ASSERT_EQ(udp->Recv(Buf(), Ctx(7)), 0);
+  ASSERT_TRUE(sink->Wait("recv", 5));
+  const std::vector<std::pair<long, std::string>> want = {
+      {1, ""}, {3, ""}, {2, "one"}, {4, "two"}, {7, "while disarmed"}};
+  std::vector<Event> r = sink->Of("recv"), s = sink->Of("send");
+  ASSERT_EQ(r.size(), want.size());
+  for (size_t i = 0; i < r.size(); ++i) {
+    EXPECT_TRUE(r[i].ctx == Ctx(want[i].first) && r[i].data == want[i].second && r[i].onLoop) << i;
+    EXPECT_EQ(r[i].status, i < 2 ? -1 : 0) << i;
+    EXPECT_TRUE(i < 2 ||
+                (r[i].address.GetPort() == peer.Port() && r[i].address.GetAddress().GetString() == GetParam()));
+  }
+  for (long i : {0, 1}) EXPECT_TRUE(s[i].ctx == Ctx(11 + i) && s[i].status == 0 && s[i].onLoop) << i;
+}
+
+// The first datagram is in libuv and not counted; the queue takes datagrams
+// while at most the limit is queued; refused on the loop thread at once, from
+// another thread in the report.
+TEST_F(UdpTest, SendQueueAcceptsWhileAtMostTheLimitIsQueued) {
+  zstest::UdpEchoPeer mute([](const std::string&) { return false; });
+  const IPEndPoint to("127.0.0.1", mute.Port());
+  ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
+  auto* impl = static_cast<UdpImpl*>(udp.Get());
+  std::vector<int> results;
+  int foreign = 99;
+  OnLoop([&] {
+    results.push_back(udp->Send(Buf(std::string(1000, 'f')), to, Ctx(1)));
+    for (int i = 0; i < 64; ++i) results.push_back(udp->Send(Buf("s"), to, Ctx(2)));  // the queue drains slowly
+    results.push_back(udp->Send(Buf(std::string(65504, 'x')), to, Ctx(3)));
+    results.push_back(udp->Send(Buf(std::string(65504, 'y')), to, Ctx(4)));
+    EXPECT_EQ(impl->QueuedBytes(), UdpImpl::kMaxQueuedBytes);
+    results.push_back(udp->Send(Buf(std::string(60000, 't')), to, Ctx(5)));  // at the limit: accepted
+    results.push_back(udp->Send(Buf("w"), to, Ctx(6)));                      // over it: refused here
+    std::thread other([&] { foreign = udp->Send(Buf("v"), to, Ctx(7)); });
+    other.join();
+  });
+  std::vector<int> expected(68, 0);
+  expected.push_back(-1);
+  EXPECT_TRUE(results == expected && foreign == 0);
+  ASSERT_TRUE(sink->Wait("send", 69));
+  std::vector<void*> order, want{Ctx(1)};
+  want.insert(want.end(), 64, Ctx(2));
+  want.insert(want.end(), {Ctx(3), Ctx(4), Ctx(5)});
+  for (const Event& e : sink->Of("send")) {
+    if (e.ctx == Ctx(7)) foreign = e.status;
+    if (e.ctx != Ctx(7)) order.push_back(e.status ? nullptr : e.ctx);
+  }
+  EXPECT_EQ(foreign, -1);
+  EXPECT_EQ(order, want);
+  EXPECT_EQ(impl->QueuedBytes(), 0);
+}
+
+TEST_F(UdpTest, CloseSilencesQueuedAndPostedSends) {
+  std::mutex mutex;
+  std::vector<std::string> arrived;
+  zstest::UdpEchoPeer mute([&](const std::string& d) {
+    std::lock_guard<std::mutex> lock(mutex);
+    arrived.push_back(d);
+    return false;
+  });
+  const IPEndPoint to("127.0.0.1", mute.Port());
+  ASSERT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
+  ASSERT_EQ(udp->StartRecv(Buf(), nullptr), 0);
+  OnLoop([&] {
+    for (int i = 1; i <= 5; ++i) udp->Send(Buf("queued"), to, Ctx(i));
+    std::thread other([&] { udp->Send(Buf("posted"), to, Ctx(6)); });  // runs after Close
+    other.join();
+    udp->Close();
+    udp->Send(Buf("after close"), to, Ctx(7));  // reopens implicitly
+  });
+  ASSERT_TRUE(zstest::WaitUntil([&] { return mute.Received() >= 1 && sink->Count("send") >= 1; }));
+  ASSERT_EQ(udp->Send(Buf("marker"), to, Ctx(8)), 0);
+  ASSERT_TRUE(sink->Wait("send", 2));
+  // The marker went last: once it is in, whatever the socket sent before it is too.
+  ASSERT_TRUE(zstest::WaitUntil([&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return std::count(arrived.begin(), arrived.end(), "marker") == 1;
+  }));
+  std::vector<Event> sends = sink->Of("send");
+  ASSERT_EQ(sends.size(), 2u);
+  EXPECT_TRUE(sends[0].ctx == Ctx(7) && sends[1].ctx == Ctx(8));
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(std::count(arrived.begin(), arrived.end(), "posted"), 0);
+  EXPECT_LE(std::count(arrived.begin(), arrived.end(), "queued"), 1);  // the one already in libuv
+  EXPECT_EQ(arrived.back(), "marker");
+}
+
+TEST_F(UdpTest, SinkMayReleaseTheLastReference) {
+  tcp->Close();  // lets the sink go
+  IUdp* raw = udp.Detach();
+  ASSERT_EQ(raw->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
+  ASSERT_EQ(raw->StartRecv(Buf(), nullptr), 0);
+  raw->AddRef();
+  sink->hook = [&](const Event&) { raw->Release(); };  // one in OnSend, the last in OnRecv
+  ASSERT_EQ(raw->Send(Buf("x"), to, nullptr), 0);
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  EXPECT_EQ(sink->Count(""), 2u);
+  EXPECT_TRUE(zstest::WaitUntil([&] { return CountOf(static_cast<IUdpSink*>(sink.Get())) == 1; }));
+}
+
+// The window between taking a datagram and handing it over: a receive
+// cancelled there lets go of its buffer and never reports; a continuous one
+// cancelled inside its report stops there.
+TEST_F(UdpTest, CancelledReceiveLetsGoAndNeverReports) {
+  uv_udp_t* handle = nullptr;
+  RefPtr<UvUdpRecv> recvOp;
+  RefPtr<IMutableBuffer> taken = Buf();
+  OnLoop([&] {
+    handle = static_cast<uv_udp_t*>(std::calloc(1, sizeof(uv_udp_t)));
+    uv_udp_init(loop.Loop(), handle);
+    ASSERT_EQ(uv_udp_bind(handle, IPEndPoint(IPAddress::Loopback, 0).GetSockAddr(), 0), 0);
+    recvOp.Attach(new UvUdpRecv(&loop));
+    ASSERT_EQ(recvOp->Recv(handle, false, taken, sink, Ctx(3)), 0);
+    UvUdpRecv::_RecvCallback(handle, 4, nullptr, to.GetSockAddr(), 0);  // taken, its delivery posted
+    recvOp->Cancel();
+    EXPECT_EQ(CountOf(taken), 1);
+    ASSERT_EQ(recvOp->Recv(handle, true, Buf(), sink, Ctx(4)), 0);
+    sink->hook = [&](const Event&) { recvOp->Cancel(); };
+    uv_buf_t x = uv_buf_init(const_cast<char*>("x"), 1);
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(uv_udp_try_send(handle, &x, 1, to.GetSockAddr()), 1);  // two echoes
+  });
+  ASSERT_TRUE(sink->Wait("recv", 1));
+  ASSERT_TRUE(zstest::WaitUntil([&] { return peer.Received() == 2; }));
+  zstest::Drain(loop);
+  EXPECT_EQ(sink->Count(""), 1u);
+  EXPECT_EQ(sink->Of("recv")[0].ctx, Ctx(4));
+  OnLoop([&] {
+    EXPECT_FALSE(uv_is_active(reinterpret_cast<uv_handle_t*>(handle)));
+    recvOp->Cancel();
+    uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* h) { std::free(h); });
+  });
+  EXPECT_TRUE(zstest::WaitUntil([&] { return CountOf(recvOp.Get()) == 1; }));  // the records are gone
+}
+
+}  // namespace
+}  // namespace zelsocket
