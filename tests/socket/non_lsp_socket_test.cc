@@ -1,6 +1,5 @@
 // Socket creation past layered providers: over a catalogue in memory, so that
-// the walk and the fallback chain are tested where no catalogue exists, and on
-// Windows over the catalogue the system really has.
+// it is tested where none exists, and on Windows over the system's own.
 #include "socket/non_lsp_socket.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +19,6 @@ ProtocolInfoW Entry(const ProviderGuid& id, unsigned entryId, int af, int chainL
   e.ProviderId = id;
   e.dwCatalogEntryId = entryId;
   e.ProtocolChain.ChainLen = chainLen;
-  e.iVersion = 2;
   e.iAddressFamily = af;
   e.iSocketType = 2;
   e.iProtocol = 17;
