@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 
 #include "support/test_support.h"
@@ -17,7 +16,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-extern char** environ;
 #endif
 
 namespace zstest {
@@ -32,14 +30,28 @@ const char kReportMark[] = "\n@@report@@\n";
 
 ChildRegistration::ChildRegistration(const char* name, ChildMain main) { Registry()[name] = main; }
 
-#ifdef _WIN32
-std::string ChildProcess::Start(const std::vector<std::string>&, const std::vector<std::string>&) {
-  return "needs POSIX child processes";
+std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
+  std::vector<unsigned char> q = {
+      static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  std::stringstream labels(name);
+  for (std::string label; std::getline(labels, label, '.');) {
+    q.push_back(static_cast<unsigned char>(label.size()));
+    q.insert(q.end(), label.begin(), label.end());
+  }
+  q.insert(q.end(), {0, 0, 1, 0, 1});
+  return q;
 }
-int ChildProcess::Wait(std::chrono::milliseconds) { return -1; }
-bool ChildProcess::Running() { return false; }
-void ChildProcess::Kill() {}
-static unsigned short FreeUdpPort() { return 0; }
+
+#ifdef _WIN32
+// Child processes, namespaces and SIGPIPE are POSIX facilities; the other
+// members of ChildProcess are never reached.
+ChildProcess::~ChildProcess() = default;
+std::string ChildProcess::Start(const std::vector<std::string>&) { return "needs POSIX child processes"; }
+ChildRun RunInNamespace(const std::string&, std::chrono::seconds) { return {true, -1, "needs network namespaces"}; }
+std::string StartDnsmasq(ChildProcess& child, unsigned short*) { return child.Start({}); }
+std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>&, unsigned short*) {
+  return child.Start({});
+}
 std::string SigpipeNotDefault(bool) { return "needs SIGPIPE"; }
 #else
 std::string SigpipeNotDefault(bool reset) {
@@ -49,18 +61,26 @@ std::string SigpipeNotDefault(bool reset) {
   return action.sa_handler == SIG_DFL ? "" : "SIGPIPE is not SIG_DFL";
 }
 
-std::string ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
+ChildProcess::~ChildProcess() {
+  Kill();
+  std::error_code ignored;
+  if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
+}
+
+const std::string& ChildProcess::Dir() {
+  std::error_code ignored;
+  std::string path = (std::filesystem::temp_directory_path(ignored) / "zs_child_XXXXXX").string();
+  if (m_dir.empty() && mkdtemp(path.data())) m_dir = path;
+  return m_dir;
+}
+
+std::string ChildProcess::Start(const std::vector<std::string>& argv) {
   Kill();
   int out = open((Dir() + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (out < 0) return "needs a scratch file";
-  // Everything the child needs is built before fork: after it, only exec.
-  std::vector<std::string> envs(env);
-  for (char** e = environ; *e; ++e) envs.emplace_back(*e);
-  std::vector<char*> args, envp;
+  std::vector<char*> args;  // built before fork: after it, only exec
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  for (const auto& e : envs) envp.push_back(const_cast<char*>(e.c_str()));
   args.push_back(nullptr);
-  envp.push_back(nullptr);
   pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
@@ -68,7 +88,7 @@ std::string ChildProcess::Start(const std::vector<std::string>& argv, const std:
     if (getppid() != parent) _exit(127);
     dup2(out, 1);
     dup2(out, 2);
-    execvpe(args[0], args.data(), envp.data());
+    execvp(args[0], args.data());
     _exit(127);
   }
   close(out);
@@ -98,66 +118,32 @@ void ChildProcess::Kill() {
   m_pid = -1;
 }
 
-// Another process may take the port before the server binds it: callers retry.
-static unsigned short FreeUdpPort() {
-  int s = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  socklen_t len = sizeof addr;
-  bind(s, reinterpret_cast<sockaddr*>(&addr), len);
-  getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(s);
-  return ntohs(addr.sin_port);
-}
-#endif
-
-ChildProcess::~ChildProcess() {
-  Kill();
-  std::error_code ignored;
-  if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
-}
-
-const std::string& ChildProcess::Dir() {
-  std::random_device random;
-  std::error_code ignored;
-  while (m_dir.empty()) {
-    auto path = std::filesystem::temp_directory_path(ignored) / ("zs_child_" + std::to_string(random()));
-    if (std::filesystem::create_directory(path, ignored)) m_dir = path.string();
-  }
-  return m_dir;
-}
-
 std::string ChildProcess::Output() {
   std::ifstream f(Dir() + "/out", std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-std::string RunCommand(const std::vector<std::string>& argv) {
-  ChildProcess child;
-  std::string why = child.Start(argv);
-  if (!why.empty()) return why;
-  int code = child.Wait(std::chrono::seconds(20));
-  return code == 0 ? "" : "exit " + std::to_string(code) + ": " + child.Output();
-}
-
 ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout) {
-  std::string why = RunCommand({"unshare", "-rnm", "ip", "link", "set", "lo", "up"});
-  if (!why.empty()) return {true, -1, "needs network namespaces (unshare, ip): " + why};
   ChildProcess child;
   std::error_code error;
   std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
   std::ofstream(child.Dir() + "/resolv.conf") << "nameserver 127.0.0.1\n";
-  // The child's resolver asks the namespace's own server.  Unfiltered: the
-  // environments are set up, and the child dispatched, only when tests are to run.
-  const char* script = "ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$1\"";
-  why = child.Start({"unshare", "-rnm", "sh", "-c", script, child.Dir() + "/resolv.conf", self}, {"ZS_CHILD=" + name});
+  // 77 where the namespaces, loopback or the mount are refused.  The child's
+  // resolver asks the namespace's own server.  Unfiltered: the environments are
+  // set up, and the child dispatched, only when tests are to run.
+  const char* script =
+      "unshare -rnm true || exit 77; exec unshare -rnm sh -c "
+      "'ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$1\"' \"$0\" \"$@\"";
+  std::string why = child.Start({"env", "ZS_CHILD=" + name, "sh", "-c", script, child.Dir() + "/resolv.conf", self});
   if (!why.empty()) return {true, -1, why};
   ChildRun run;
   run.exitCode = child.Wait(timeout);
+  run.skipped = run.exitCode == 77;
   std::string out = child.Output();
   size_t mark = out.rfind(kReportMark);
-  run.report = mark == std::string::npos ? out : out.substr(mark + sizeof kReportMark - 1);
-  run.skipped = run.exitCode == 77;
+  if (mark != std::string::npos) run.report = out.substr(mark + sizeof kReportMark - 1);
+  if (mark == std::string::npos)
+    run.report = (run.skipped ? "needs network namespaces (unshare, ip, mount): " : "") + out;
   return run;
 }
 
@@ -187,6 +173,18 @@ bool Started(ChildProcess& child, const std::vector<std::string>& argv, const st
   *why = "needs " + argv[0] + ": " + child.Output();
   return false;
 }
+
+// Another process may take the port before the server binds it: callers retry.
+unsigned short FreeUdpPort() {
+  int s = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  socklen_t len = sizeof addr;
+  bind(s, reinterpret_cast<sockaddr*>(&addr), len);
+  getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
+  close(s);
+  return ntohs(addr.sin_port);
+}
 }  // namespace
 
 std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
@@ -215,17 +213,6 @@ std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std
   *port = static_cast<unsigned short>(std::stoi(out.substr(out.find(" port ") + 6)));
   return "";
 }
-
-std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
-  std::vector<unsigned char> q = {
-      static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
-  std::stringstream labels(name);
-  for (std::string label; std::getline(labels, label, '.');) {
-    q.push_back(static_cast<unsigned char>(label.size()));
-    q.insert(q.end(), label.begin(), label.end());
-  }
-  q.insert(q.end(), {0, 0, 1, 0, 1});
-  return q;
-}
+#endif
 
 }  // namespace zstest
