@@ -13,8 +13,7 @@
 namespace zstest {
 
 // A child whose output goes to a file in its scratch directory Dir(); killed
-// and reaped when the object goes, and killed by the kernel if the test dies
-// first.
+// when the object goes, and by the kernel if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -22,14 +21,14 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess();
   std::string Start(const std::vector<std::string>& argv);  // empty once started, else why not
-  int Wait(std::chrono::milliseconds timeout);  // its exit code, or -1 (and killed) after `timeout`
-  bool Running();
+  bool Running();                                           // once false, ExitCode() says how it ended
+  int ExitCode() const { return m_exit; }
   void Kill();
   std::string Output();
   const std::string& Dir();
 
  private:
-  int m_pid = -1;
+  int m_pid = -1, m_exit = -1;
   std::string m_dir;
 };
 
