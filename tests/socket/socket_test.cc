@@ -367,7 +367,7 @@ TEST_F(SocketTest, UdpSendQueueAcceptsWhileAtMostTheLimitIsQueued) {
   ASSERT_TRUE(sink->Wait("send", 69));
   std::string order;  // context numbers, "!" where the report was a failure
   for (const Event& e : sink->Of("send"))
-    order += std::to_string(reinterpret_cast<intptr_t>(e.ctx)) + (e.status ? "!" : "");
+    order += std::to_string(reinterpret_cast<size_t>(e.ctx)) + (e.status ? "!" : "");
   size_t refused = order.find("7!");  // the foreign one: any time after the others were queued
   ASSERT_NE(refused, std::string::npos) << order;
   EXPECT_EQ(order.erase(refused, 2), "1" + std::string(64, '2') + "345");
