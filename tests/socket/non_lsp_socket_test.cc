@@ -1,5 +1,5 @@
-// Socket creation past layered providers, over a catalogue in memory, so that
-// the walk and the fallback chain are tested where no catalogue exists.
+// Socket creation past layered providers: over a catalogue in memory, so that
+// it is tested where none exists, and on Windows over the system's own.
 #include "socket/non_lsp_socket.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,6 @@ ProtocolInfoW Entry(const ProviderGuid& id, unsigned entryId, int af, int chainL
   e.ProviderId = id;
   e.dwCatalogEntryId = entryId;
   e.ProtocolChain.ChainLen = chainLen;
-  e.iVersion = 2;
   e.iAddressFamily = af;
   e.iSocketType = 2;
   e.iProtocol = 17;
@@ -132,6 +131,27 @@ TEST(NonLspSocketTest, FallbackChain) {
     EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
   }
 }
+
+#ifdef _WIN32
+// Over the catalogue the system really has, each socket stands on the base
+// provider of its family, found by the walk rather than by a fallback.
+TEST(NonLspSocketTest, StandsOnTheBaseProviderOfTheRealCatalogue) {
+  WSADATA wsa{};
+  ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &wsa), 0);
+  zstest::LogRecorder log;
+  NonLspSocketFactory factory(NativeNonLspPlatform());
+  for (int af : {AF_INET, AF_INET6}) {
+    SOCKET s = factory.CreateNonLSPSocket(af);
+    WSAPROTOCOL_INFOW actual{};
+    int size = sizeof actual;
+    EXPECT_EQ(0, ::getsockopt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&actual), &size)) << af;
+    EXPECT_TRUE(IsEqualGUID(actual.ProviderId, *BaseProviderId(af)) && actual.ProtocolChain.ChainLen == 1) << af;
+    EXPECT_EQ(1, log.CountPrefix("CreateNonLSPSocket, _GetBaseProviderInfo ok, af=" + std::to_string(af) + ","));
+    ::closesocket(s);
+  }
+  WSACleanup();
+}
+#endif
 
 }  // namespace
 }  // namespace zelsocket

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <future>
 #include <string>
@@ -25,8 +24,7 @@ class EchoPeer {
   }
   unsigned short Port() const { return m_port; }
   int Received() const { return m_received; }  // datagrams, counted after the filter has seen them
-  int Accepted() const { return m_accepted; }
-  int Ended() const { return m_ended; }  // connections whose end the peer saw
+  int Ended() const { return m_ended; }        // connections whose end the peer saw
 
  protected:
   // Runs `setup` on the peer's thread (it binds `ip`, port 0), then the loop.
@@ -41,17 +39,12 @@ class EchoPeer {
             a->loop, [](uv_handle_t* h, void*) { uv_is_closing(h) || (uv_close(h, Free), 0); }, nullptr);
       });
       sockaddr_storage addr{};
-      if (std::strchr(ip, ':'))
+      if (uv_ip4_addr(ip, 0, reinterpret_cast<sockaddr_in*>(&addr)) != 0)
         uv_ip6_addr(ip, 0, reinterpret_cast<sockaddr_in6*>(&addr));
-      else
-        uv_ip4_addr(ip, 0, reinterpret_cast<sockaddr_in*>(&addr));
       auto* h = New<Handle>(this);
       setup(h, reinterpret_cast<sockaddr*>(&addr));
       int len = sizeof addr;
-      if constexpr (std::is_same_v<Handle, uv_tcp_t>)
-        uv_tcp_getsockname(h, reinterpret_cast<sockaddr*>(&addr), &len);
-      else
-        uv_udp_getsockname(h, reinterpret_cast<sockaddr*>(&addr), &len);
+      GetName(h, reinterpret_cast<sockaddr*>(&addr), &len);
       m_port = ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
       ready.set_value();
       uv_run(&m_loop, UV_RUN_DEFAULT);
@@ -65,6 +58,8 @@ class EchoPeer {
     h->data = data;
     return h;
   }
+  static void GetName(uv_tcp_t* h, sockaddr* a, int* n) { uv_tcp_getsockname(h, a, n); }
+  static void GetName(uv_udp_t* h, sockaddr* a, int* n) { uv_udp_getsockname(h, a, n); }
   static void Free(uv_handle_t* h) {
     if (h->type != UV_ASYNC) std::free(h);
   }
@@ -76,7 +71,7 @@ class EchoPeer {
   uv_async_t m_stop;
   std::thread m_thread;
   unsigned short m_port = 0;
-  std::atomic<int> m_received{0}, m_accepted{0}, m_ended{0};
+  std::atomic<int> m_received{0}, m_ended{0};
   std::function<bool(const std::string&)> m_answer;
 };
 
@@ -115,7 +110,6 @@ class TcpEchoPeer : public EchoPeer {
         uv_tcp_init(s->loop, conn);
         if (status != 0 || uv_accept(s, reinterpret_cast<uv_stream_t*>(conn)) != 0)
           return uv_close(reinterpret_cast<uv_handle_t*>(conn), Free);
-        ++static_cast<TcpEchoPeer*>(s->data)->m_accepted;
         uv_read_start(reinterpret_cast<uv_stream_t*>(conn), Alloc, [](uv_stream_t* c, ssize_t n, const uv_buf_t* buf) {
           bool end = n < 0 || (n == 1 && buf->base[0] == kHangUp);
           if (n <= 0 || end) std::free(buf->base);

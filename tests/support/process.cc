@@ -2,10 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <random>
-#include <sstream>
 
 #include "support/test_support.h"
 
@@ -17,7 +16,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-extern char** environ;
 #endif
 
 namespace zstest {
@@ -32,14 +30,24 @@ const char kReportMark[] = "\n@@report@@\n";
 
 ChildRegistration::ChildRegistration(const char* name, ChildMain main) { Registry()[name] = main; }
 
+std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
+  std::string q = {char(id >> 8), char(id), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  for (size_t at = 0, dot; at <= name.size(); at = dot + 1) {
+    dot = std::min(name.find('.', at), name.size());
+    q += char(dot - at) + name.substr(at, dot - at);
+  }
+  q += std::string("\0\0\1\0\1", 5);  // the root label, type A, class IN
+  return {q.begin(), q.end()};
+}
+
 #ifdef _WIN32
-std::string ChildProcess::Start(const std::vector<std::string>&, const std::vector<std::string>&) {
+// Child processes, namespaces and SIGPIPE are POSIX facilities.
+ChildProcess::~ChildProcess() = default;
+ChildRun RunInNamespace(const std::string&, std::chrono::seconds) { return {true, -1, "needs network namespaces"}; }
+std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs POSIX child processes"; }
+std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*) {
   return "needs POSIX child processes";
 }
-int ChildProcess::Wait(std::chrono::milliseconds) { return -1; }
-bool ChildProcess::Running() { return false; }
-void ChildProcess::Kill() {}
-static unsigned short FreeUdpPort() { return 0; }
 std::string SigpipeNotDefault(bool) { return "needs SIGPIPE"; }
 #else
 std::string SigpipeNotDefault(bool reset) {
@@ -49,68 +57,6 @@ std::string SigpipeNotDefault(bool reset) {
   return action.sa_handler == SIG_DFL ? "" : "SIGPIPE is not SIG_DFL";
 }
 
-std::string ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env) {
-  Kill();
-  int out = open((Dir() + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (out < 0) return "needs a scratch file";
-  // Everything the child needs is built before fork: after it, only exec.
-  std::vector<std::string> envs(env);
-  for (char** e = environ; *e; ++e) envs.emplace_back(*e);
-  std::vector<char*> args, envp;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  for (const auto& e : envs) envp.push_back(const_cast<char*>(e.c_str()));
-  args.push_back(nullptr);
-  envp.push_back(nullptr);
-  pid_t parent = getpid();
-  m_pid = fork();
-  if (m_pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed by its timeout takes its children along
-    if (getppid() != parent) _exit(127);
-    dup2(out, 1);
-    dup2(out, 2);
-    execvpe(args[0], args.data(), envp.data());
-    _exit(127);
-  }
-  close(out);
-  return m_pid > 0 ? "" : "needs fork";
-}
-
-int ChildProcess::Wait(std::chrono::milliseconds timeout) {
-  int status = 0;
-  if (WaitUntil([&] { return m_pid <= 0 || waitpid(m_pid, &status, WNOHANG) != 0; }, timeout) && m_pid > 0) {
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  Kill();
-  return -1;
-}
-
-bool ChildProcess::Running() {
-  if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) != 0) m_pid = -1;
-  return m_pid > 0;
-}
-
-void ChildProcess::Kill() {
-  if (m_pid <= 0) return;
-  kill(m_pid, SIGTERM);
-  WaitUntil([&] { return !Running(); }, std::chrono::seconds(1));  // a grace period
-  if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
-  m_pid = -1;
-}
-
-// Another process may take the port before the server binds it: callers retry.
-static unsigned short FreeUdpPort() {
-  int s = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  socklen_t len = sizeof addr;
-  bind(s, reinterpret_cast<sockaddr*>(&addr), len);
-  getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(s);
-  return ntohs(addr.sin_port);
-}
-#endif
-
 ChildProcess::~ChildProcess() {
   Kill();
   std::error_code ignored;
@@ -118,13 +64,43 @@ ChildProcess::~ChildProcess() {
 }
 
 const std::string& ChildProcess::Dir() {
-  std::random_device random;
   std::error_code ignored;
-  while (m_dir.empty()) {
-    auto path = std::filesystem::temp_directory_path(ignored) / ("zs_child_" + std::to_string(random()));
-    if (std::filesystem::create_directory(path, ignored)) m_dir = path.string();
-  }
+  std::string path = (std::filesystem::temp_directory_path(ignored) / "zs_child_XXXXXX").string();
+  if (m_dir.empty() && mkdtemp(path.data())) m_dir = path;
   return m_dir;
+}
+
+std::string ChildProcess::Start(const std::vector<std::string>& argv) {
+  Kill();
+  int out = open((Dir() + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (out < 0) return "needs a scratch file";
+  std::vector<char*> args;  // built before fork: after it, only exec
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t parent = getpid();
+  m_pid = fork();
+  if (m_pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed by its timeout takes its children along
+    if (getppid() != parent) _exit(127);
+    dup2(out, 1);
+    dup2(out, 2);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  close(out);
+  return m_pid > 0 ? "" : "needs fork";
+}
+
+bool ChildProcess::Running() {
+  int status = 0;
+  if (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) != 0)
+    m_pid = -1, m_exit = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return m_pid > 0;
+}
+
+void ChildProcess::Kill() {
+  if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+  m_pid = -1;
 }
 
 std::string ChildProcess::Output() {
@@ -132,32 +108,26 @@ std::string ChildProcess::Output() {
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-std::string RunCommand(const std::vector<std::string>& argv) {
-  ChildProcess child;
-  std::string why = child.Start(argv);
-  if (!why.empty()) return why;
-  int code = child.Wait(std::chrono::seconds(20));
-  return code == 0 ? "" : "exit " + std::to_string(code) + ": " + child.Output();
-}
-
 ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout) {
-  std::string why = RunCommand({"unshare", "-rnm", "ip", "link", "set", "lo", "up"});
-  if (!why.empty()) return {true, -1, "needs network namespaces (unshare, ip): " + why};
   ChildProcess child;
   std::error_code error;
   std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
   std::ofstream(child.Dir() + "/resolv.conf") << "nameserver 127.0.0.1\n";
-  // The child's resolver asks the namespace's own server.  Unfiltered: the
-  // environments are set up, and the child dispatched, only when tests are to run.
-  const char* script = "ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$1\"";
-  why = child.Start({"unshare", "-rnm", "sh", "-c", script, child.Dir() + "/resolv.conf", self}, {"ZS_CHILD=" + name});
+  // 77 where the namespaces, loopback or the mount are refused.  The child's
+  // resolver asks the namespace's own server.  Unfiltered: the environments are
+  // set up, and the child dispatched, only when tests are to run.
+  const char* script =
+      "unshare -rnm true || exit 77; exec unshare -rnm sh -c "
+      "'ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$1\"' \"$0\" \"$@\"";
+  std::string why = child.Start({"env", "ZS_CHILD=" + name, "sh", "-c", script, child.Dir() + "/resolv.conf", self});
   if (!why.empty()) return {true, -1, why};
   ChildRun run;
-  run.exitCode = child.Wait(timeout);
+  if (WaitUntil([&] { return !child.Running(); }, timeout)) run.exitCode = child.ExitCode();
+  run.skipped = run.exitCode == 77;
   std::string out = child.Output();
   size_t mark = out.rfind(kReportMark);
-  run.report = mark == std::string::npos ? out : out.substr(mark + sizeof kReportMark - 1);
-  run.skipped = run.exitCode == 77;
+  if (mark != std::string::npos) run.report = out.substr(mark + sizeof kReportMark - 1);
+  if (mark == std::string::npos) run.report = (run.skipped ? "needs network namespaces: " : "") + out;
   return run;
 }
 
@@ -178,28 +148,34 @@ struct ChildDispatch : ::testing::Environment {
 };
 ::testing::Environment* const g_dispatch = ::testing::AddGlobalTestEnvironment(new ChildDispatch);
 
-// Starts a server until its output says it listens; false if it has ended.
-bool Started(ChildProcess& child, const std::vector<std::string>& argv, const std::string& mark, std::string* why) {
-  if (!(*why = child.Start(argv)).empty()) return false;
+// Starts a server until its output says it listens; else why not.
+std::string Started(ChildProcess& child, const std::vector<std::string>& argv, const std::string& mark) {
+  std::string why = child.Start(argv);
+  if (!why.empty()) return why;
   WaitUntil([&] { return !child.Running() || child.Output().find(mark) != std::string::npos; },
             std::chrono::seconds(10));
-  if (child.Running()) return true;
-  *why = "needs " + argv[0] + ": " + child.Output();
-  return false;
+  return child.Running() ? "" : "needs " + argv[0] + ": " + child.Output();
 }
 }  // namespace
 
+// dnsmasq cannot take port 0: another process may take the port found here
+// before it binds it, so it has a few tries.
 std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
   std::string why;
-  const unsigned short fixed = *port;  // 0: any free one
-  for (int attempt = 0; attempt < (fixed ? 1 : 5); ++attempt) {
-    *port = fixed ? fixed : FreeUdpPort();
-    if (Started(child,
-                {"dnsmasq", "--no-daemon", "--log-facility=-", "--user=root", "--listen-address=127.0.0.1",
-                 "--bind-interfaces", "--no-resolv", "--no-hosts", "--pid-file=", "--address=/example.test/10.1.2.3",
-                 "--port=" + std::to_string(*port)},
-                "started", &why))
-      return "";
+  for (int attempt = 0, fixed = *port; attempt < (fixed ? 1 : 5) && (attempt == 0 || !why.empty()); ++attempt) {
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    addr.sin_family = AF_INET;
+    bind(s, reinterpret_cast<sockaddr*>(&addr), len);
+    getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(s);
+    *port = fixed ? fixed : ntohs(addr.sin_port);
+    why = Started(child,
+                  {"dnsmasq", "--no-daemon", "--log-facility=-", "--user=root", "--listen-address=127.0.0.1",
+                   "--bind-interfaces", "--no-resolv", "--no-hosts", "--pid-file=", "--address=/example.test/10.1.2.3",
+                   "--port=" + std::to_string(*port)},
+                  "started");
   }
   return why;
 }
@@ -207,25 +183,13 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
 std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files,
                             unsigned short* port) {
   for (const auto& [name, body] : files) std::ofstream(child.Dir() + "/" + name, std::ios::binary) << body;
-  std::string why;
-  if (!Started(child, {"python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory", child.Dir()},
-               "Serving HTTP on 127.0.0.1 port ", &why))
-    return why;
+  std::string why =
+      Started(child, {"python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory", child.Dir()},
+              "Serving HTTP on 127.0.0.1 port ");
   std::string out = child.Output();
-  *port = static_cast<unsigned short>(std::stoi(out.substr(out.find(" port ") + 6)));
-  return "";
+  if (why.empty()) *port = static_cast<unsigned short>(std::stoi(out.substr(out.find(" port ") + 6)));
+  return why;
 }
-
-std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
-  std::vector<unsigned char> q = {
-      static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
-  std::stringstream labels(name);
-  for (std::string label; std::getline(labels, label, '.');) {
-    q.push_back(static_cast<unsigned char>(label.size()));
-    q.insert(q.end(), label.begin(), label.end());
-  }
-  q.insert(q.end(), {0, 0, 1, 0, 1});
-  return q;
-}
+#endif
 
 }  // namespace zstest

@@ -12,30 +12,29 @@
 
 namespace zstest {
 
-// A child whose output goes to a file; killed and reaped when the object goes,
-// and killed by the kernel if the test dies first.  Dir() is a scratch
-// directory that goes with it.
+// A child whose output goes to a file in its scratch directory Dir(); killed
+// when the object goes, and by the kernel if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess();
-  std::string Start(const std::vector<std::string>& argv, const std::vector<std::string>& env = {});
-  int Wait(std::chrono::milliseconds timeout);  // its exit code, or -1 (and killed) after `timeout`
-  bool Running();
+  std::string Start(const std::vector<std::string>& argv);  // empty once started, else why not
+  bool Running();                                           // once false, ExitCode() says how it ended
+  int ExitCode() const { return m_exit; }
   void Kill();
   std::string Output();
   const std::string& Dir();
 
  private:
-  int m_pid = -1;
+  int m_pid = -1, m_exit = -1;
   std::string m_dir;
 };
 
 // A registered function that runs in a fresh process of this test binary,
 // inside a network namespace with loopback up and a resolver that asks
-// 127.0.0.1.  It returns the exit code and may write a report.
+// 127.0.0.1.  It returns the exit code (77: skipped) and may write a report.
 using ChildMain = int (*)(std::string& report);
 struct ChildRegistration {
   ChildRegistration(const char* name, ChildMain main);
@@ -61,7 +60,6 @@ ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout = 
 std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
 std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
 std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name);  // for the A record of `name`
-std::string RunCommand(const std::vector<std::string>& argv);                    // empty on success, else its output
 // Empty while SIGPIPE's action is the default one, which ends the process on a
 // write to a broken pipe; `reset` restores the default first.
 std::string SigpipeNotDefault(bool reset = false);

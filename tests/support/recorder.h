@@ -34,10 +34,6 @@ struct Event {
   }
 };
 
-inline std::string BytesOf(const IConstBuffer* b) {
-  return b && b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength()) : "";
-}
-
 class Recorder : public zelsocket::RefCountBase,
                  public zelsocket::IUdpSink,
                  public zelsocket::ITcpSink,
@@ -46,15 +42,13 @@ class Recorder : public zelsocket::RefCountBase,
  public:
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
-  void OnSend(int s, IConstBuffer* b, const IPEndPoint& a, void* x) override { Add({"send", s, 0, BytesOf(b), a, x}); }
-  void OnRecv(int s, IMutableBuffer* b, const IPEndPoint& a, void* x) override {
-    Add({"recv", s, 0, BytesOf(b), a, x});
-  }
+  void OnSend(int s, IConstBuffer* b, const IPEndPoint& a, void* x) override { Add({"send", s, 0, Bytes(b), a, x}); }
+  void OnRecv(int s, IMutableBuffer* b, const IPEndPoint& a, void* x) override { Add({"recv", s, 0, Bytes(b), a, x}); }
   void OnConnect(int s, const IPEndPoint& a, void* x) override { Add({"connect", s, 0, "", a, x}); }
-  void OnSend(int s, IConstBuffer* b, void* x) override { Add({"send", s, 0, BytesOf(b), {}, x}); }
-  void OnRecv(int s, IMutableBuffer* b, void* x) override { Add({"recv", s, 0, BytesOf(b), {}, x}); }
+  void OnSend(int s, IConstBuffer* b, void* x) override { Add({"send", s, 0, Bytes(b), {}, x}); }
+  void OnRecv(int s, IMutableBuffer* b, void* x) override { Add({"recv", s, 0, Bytes(b), {}, x}); }
   void OnConnect(int s) override { Add({"connect", s}); }
-  void OnSend(unsigned c, IConstBuffer* b, const IPEndPoint& a) override { Add({"send", 0, c, BytesOf(b), a}); }
+  void OnSend(unsigned c, IConstBuffer* b, const IPEndPoint& a) override { Add({"send", 0, c, Bytes(b), a}); }
   void OnRecv(unsigned char* d, int n, const IPEndPoint& a) override {
     Add({"recv", n, 0, std::string(reinterpret_cast<char*>(d), static_cast<size_t>(n)), a});
   }
@@ -73,7 +67,7 @@ class Recorder : public zelsocket::RefCountBase,
     }
     void operator()(const Event& e) {
       std::unique_lock<std::mutex> lock(m);
-      auto fn = f;
+      auto fn = f;  // called unlocked: it may replace itself
       lock.unlock();
       if (fn) fn(e);
     }
@@ -99,6 +93,9 @@ class Recorder : public zelsocket::RefCountBase,
   }
 
  private:
+  static std::string Bytes(const IConstBuffer* b) {
+    return b && b->GetLength() > 0 ? std::string(reinterpret_cast<const char*>(b->GetBuf()), b->GetLength()) : "";
+  }
   void Add(Event e) {
     e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
     hook(e);
@@ -124,10 +121,7 @@ inline zelsocket::RefPtr<IMutableBuffer> Buf(const std::string& data = std::stri
 
 inline void* Ctx(long n) { return reinterpret_cast<void*>(n); }
 // The references to `object` other than the caller's.
-inline int CountOf(zelsocket::IRefCount* object) {
-  object->AddRef();
-  return object->Release();
-}
+inline int CountOf(zelsocket::IRefCount* object) { return object->AddRef(), object->Release(); }
 
 // Blocks until everything queued on `loop` before this call has run.
 inline void Drain(zelsocket::IOLoop& loop) {

@@ -34,9 +34,9 @@ class LogRecorder {
     std::lock_guard<std::mutex> lock(s_mutex);
     return s_lines;
   }
-  int CountIf(const std::function<bool(const LogLine&)>& f) const {
-    auto lines = Lines();
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(), f));
+  void Clear() {
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_lines.clear();
   }
   int Count(const std::string& m) const {
     return CountIf([&](const LogLine& l) { return l.message == m; });
@@ -47,12 +47,12 @@ class LogRecorder {
   bool Has(zelsocket::LOG_LEVEL level, const std::string& tag, const std::string& m) const {
     return CountIf([&](const LogLine& l) { return l.level == level && l.tag == tag && l.message == m; }) > 0;
   }
-  void Clear() {
-    std::lock_guard<std::mutex> lock(s_mutex);
-    s_lines.clear();
-  }
 
  private:
+  int CountIf(const std::function<bool(const LogLine&)>& f) const {
+    auto lines = Lines();
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), f));
+  }
   static inline std::mutex s_mutex;
   static inline std::vector<LogLine> s_lines;
 };
@@ -60,8 +60,7 @@ class LogRecorder {
 // Polls `done` until it is true or `timeout` has passed; true when it became true.
 inline bool WaitUntil(const std::function<bool()>& done,
                       std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
+  for (auto deadline = std::chrono::steady_clock::now() + timeout; !done();) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
