@@ -47,12 +47,12 @@ class LogRecorder {
   bool Has(zelsocket::LOG_LEVEL level, const std::string& tag, const std::string& m) const {
     return CountIf([&](const LogLine& l) { return l.level == level && l.tag == tag && l.message == m; }) > 0;
   }
-
- private:
   int CountIf(const std::function<bool(const LogLine&)>& f) const {
     auto lines = Lines();
     return static_cast<int>(std::count_if(lines.begin(), lines.end(), f));
   }
+
+ private:
   static inline std::mutex s_mutex;
   static inline std::vector<LogLine> s_lines;
 };
