@@ -65,7 +65,7 @@ TEST(RefCount, ConcurrentReleasesDeleteOnceRefPtrsKeepTheirReferenceAndCookiesSk
   b = nullptr, a = nullptr;
   EXPECT_EQ(g_destroyed, 0);
   RefPtr<Counted>().Attach(object);
-  EXPECT_EQ(g_destroyed, 1);
+  EXPECT_EQ(g_destroyed.exchange(0), 1);
 }
 
 TEST(Log, CallbackGetsLevelTagAndFormattedTextElseBareLinesGoToStandardOutput) {
