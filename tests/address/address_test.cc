@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <thread>
 
 #include "address/host_addr_cache.h"
 #include "core/platform.h"
 #include "support/recorder.h"
-#include "zelsocket/sync.h"
 
 namespace zelsocket {
 namespace {
@@ -61,44 +59,6 @@ TEST(HostResolveTest, AnswersByLiteralAndByTheAgeOfTheEntry) {
               age >= 0 || (err == 0 && lookups > 0))
         << e.data;
   }
-}
-
-// A stopping loop drops a queued request unanswered, and lets its sink go.
-TEST(HostResolveTest, AStoppingLoopDropsTheRequestAndItsSink) {
-  IOLoop loop;
-  ASSERT_EQ(loop.Start(), 0);
-  auto dropped = zstest::NewRecorder();
-  Semaphore posted, release;  // posted from the loop thread, which then holds until the stop has begun
-  loop.AsyncCall([&] {
-    EXPECT_TRUE(HostResolve("127.0.0.1", dropped, nullptr));
-    posted.Post();
-    release.Wait();
-  });
-  posted.Wait();
-  std::thread stopper([&] { loop.Stop(); });
-  ASSERT_TRUE(zstest::WaitUntil([&] { return loop.DelayCall(100000, [] {}) == -1; }));
-  release.Post();
-  stopper.join();
-  EXPECT_EQ(dropped->Count(""), 0u);
-  EXPECT_EQ(dropped->AddRef(), 2);  // ours and the one just taken: the request let go
-  dropped->Release();
-}
-
-// The fuzz target checks parsing and printing; a zone is the one thing it cannot see.
-// An address keeps its zone's scope; an end point built from it does not.
-TEST(IPAddressTest, ScopeAndUnknownFamily) {
-#ifdef _WIN32
-  IPAddress scoped("fe80::1%1");
-#else
-  IPAddress scoped("fe80::1%lo");
-#endif
-  EXPECT_TRUE(scoped.GetSockAddr6().sin6_scope_id != 0 && scoped != IPAddress("fe80::1"));
-  IPEndPoint ep;
-  ASSERT_TRUE(ep.FromIPPort(scoped, 443));
-  EXPECT_EQ(reinterpret_cast<const sockaddr_in6*>(ep.GetSockAddr())->sin6_scope_id, 0u);
-  sockaddr other = {};
-  other.sa_family = AF_UNIX;  // an unknown family clears the end point
-  EXPECT_FALSE(ep.FromSockaddr(&other) || ep.IsValid() || ep.GetSockAddr()->sa_family != 0);
 }
 
 }  // namespace
