@@ -284,6 +284,26 @@ TEST_F(LoopTest, SequenceWorkRunsStrictlyInOrderAndCancelEndsTheChain) {
   EXPECT_EQ(Events(), (Trace{"w1", "w2", "a2:0", "w4", "a4:0"}));
 }
 
+// Stopped while a report runs: the jobs still waiting in the sequence are
+// handed -1, and the sequence is left idle, refusing, not parked.
+TEST_F(LoopTest, ASequenceWhoseLoopStopsDuringAReportHandsEveryWaitingJobMinusOne) {
+  SequenceWork seq(&loop);
+  auto gate = std::make_shared<Gate>();
+  std::promise<void> inReport;
+  auto report = [&](int) {  // held until the stop has begun to refuse new work
+    inReport.set_value();
+    EXPECT_TRUE(zstest::WaitUntil([&] { return loop.AsyncCall([] {}) == -1; }));
+  };
+  ASSERT_EQ(seq.QueueWork([gate] { gate->future.wait(); }, report), 0);
+  ASSERT_EQ(Queue(seq, "2"), 0);
+  ASSERT_EQ(Queue(seq, "3"), 0);
+  gate->promise.set_value();
+  inReport.get_future().wait();
+  ASSERT_EQ(loop.Stop(), 0);
+  EXPECT_EQ(Events(), (Trace{"a2:-1", "a3:-1"}));
+  EXPECT_EQ(seq.QueueWork([] {}, [](int) {}), -1);
+}
+
 // A stop does not wait for stuck jobs; their records, with what they hold, come back when they end.
 TEST_F(LoopTest, StopLeavesStuckJobsDropsEveryReportAndReleasesEverything) {
   auto* cb = new Callback();
