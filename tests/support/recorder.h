@@ -27,11 +27,6 @@ struct Event {
   IPEndPoint address;
   void* ctx;
   bool onLoop = false;
-  // "timeout:3:2", "send:1", "connect:0", "close": enough to compare orders.
-  std::string Text() const {
-    if (kind == "timeout") return kind + ":" + std::to_string(cookie) + ":" + std::to_string(status);
-    return kind == "close" ? kind : kind + ":" + std::to_string(cookie ? static_cast<long>(cookie) : status);
-  }
 };
 
 class Recorder : public zelsocket::RefCountBase,
@@ -85,11 +80,6 @@ class Recorder : public zelsocket::RefCountBase,
   size_t Count(const std::string& kind) { return Of(kind).size(); }
   bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) {
     return WaitUntil([&] { return Count(kind) >= n; }, t);
-  }
-  std::vector<std::string> Trace() {
-    std::vector<std::string> out;
-    for (const Event& e : Of("")) out.push_back(e.Text());
-    return out;
   }
 
  private:
