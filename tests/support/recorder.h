@@ -54,21 +54,10 @@ class Recorder : public zelsocket::RefCountBase,
   }
 
   // Runs inside each callback; may be replaced while the library calls.
-  struct Hook {
-    Hook& operator=(std::function<void(const Event&)> fn) {
-      std::lock_guard<std::mutex> lock(m);
-      f = std::move(fn);
-      return *this;
-    }
-    void operator()(const Event& e) {
-      std::unique_lock<std::mutex> lock(m);
-      auto fn = f;  // called unlocked: it may replace itself
-      lock.unlock();
-      if (fn) fn(e);
-    }
-    std::mutex m;
-    std::function<void(const Event&)> f;
-  } hook;
+  void SetHook(std::function<void(const Event&)> hook) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hook = std::move(hook);
+  }
 
   std::vector<Event> Of(const std::string& kind) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -88,12 +77,16 @@ class Recorder : public zelsocket::RefCountBase,
   }
   void Add(Event e) {
     e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
-    hook(e);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto hook = m_hook;  // called unlocked: it may replace itself
+    lock.unlock();
+    if (hook) hook(e);
+    lock.lock();
     m_events.push_back(std::move(e));
   }
   std::mutex m_mutex;
   std::vector<Event> m_events;
+  std::function<void(const Event&)> m_hook;
 };
 
 inline zelsocket::RefPtr<Recorder> NewRecorder() {
