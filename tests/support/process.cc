@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -20,43 +20,17 @@
 
 namespace zstest {
 
-namespace {
-std::map<std::string, ChildMain>& Registry() {
-  static std::map<std::string, ChildMain> registry;
-  return registry;
-}
-const char kReportMark[] = "\n@@report@@\n";
-}  // namespace
-
-ChildRegistration::ChildRegistration(const char* name, ChildMain main) { Registry()[name] = main; }
-
-std::vector<unsigned char> DnsQuery(std::uint16_t id, const std::string& name) {
-  std::string q = {char(id >> 8), char(id), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
-  for (size_t at = 0, dot; at <= name.size(); at = dot + 1) {
-    dot = std::min(name.find('.', at), name.size());
-    q += char(dot - at) + name.substr(at, dot - at);
-  }
-  q += std::string("\0\0\1\0\1", 5);  // the root label, type A, class IN
-  return {q.begin(), q.end()};
-}
+bool InNamespace() { return std::getenv("ZS_IN_NAMESPACE") != nullptr; }
 
 #ifdef _WIN32
-// Child processes, namespaces and SIGPIPE are POSIX facilities.
+// Child processes and namespaces are POSIX facilities.
 ChildProcess::~ChildProcess() = default;
-ChildRun RunInNamespace(const std::string&, std::chrono::seconds) { return {true, -1, "needs network namespaces"}; }
+void RerunInNamespace(std::chrono::seconds) { GTEST_SKIP() << "needs network namespaces"; }
 std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs POSIX child processes"; }
 std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*) {
   return "needs POSIX child processes";
 }
-std::string SigpipeNotDefault(bool) { return "needs SIGPIPE"; }
 #else
-std::string SigpipeNotDefault(bool reset) {
-  struct sigaction action = {};
-  sigaction(SIGPIPE, reset ? &action : nullptr, &action);  // a zeroed action is SIG_DFL
-  sigaction(SIGPIPE, nullptr, &action);
-  return action.sa_handler == SIG_DFL ? "" : "SIGPIPE is not SIG_DFL";
-}
-
 ChildProcess::~ChildProcess() {
   Kill();
   std::error_code ignored;
@@ -108,46 +82,28 @@ std::string ChildProcess::Output() {
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-ChildRun RunInNamespace(const std::string& name, std::chrono::seconds timeout) {
+void RerunInNamespace(std::chrono::seconds timeout) {
+  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
   ChildProcess child;
   std::error_code error;
   std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
   std::ofstream(child.Dir() + "/resolv.conf") << "nameserver 127.0.0.1\n";
   // 77 where the namespaces, loopback or the mount are refused.  The child's
-  // resolver asks the namespace's own server.  Unfiltered: the environments are
-  // set up, and the child dispatched, only when tests are to run.
+  // resolver asks the namespace's own server.
   const char* script =
       "unshare -rnm true || exit 77; exec unshare -rnm sh -c "
-      "'ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$1\"' \"$0\" \"$@\"";
-  std::string why = child.Start({"env", "ZS_CHILD=" + name, "sh", "-c", script, child.Dir() + "/resolv.conf", self});
-  if (!why.empty()) return {true, -1, why};
-  ChildRun run;
-  if (WaitUntil([&] { return !child.Running(); }, timeout)) run.exitCode = child.ExitCode();
-  run.skipped = run.exitCode == 77;
+      "'ip link set lo up && mount --bind \"$0\" /etc/resolv.conf || exit 77; exec \"$@\"' \"$0\" \"$@\"";
+  std::string why = child.Start({"env", "ZS_IN_NAMESPACE=1", "sh", "-c", script, child.Dir() + "/resolv.conf", self,
+                                 std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
+  if (!why.empty()) GTEST_SKIP() << why;
+  int code = WaitUntil([&] { return !child.Running(); }, timeout) ? child.ExitCode() : -1;
   std::string out = child.Output();
-  size_t mark = out.rfind(kReportMark);
-  if (mark != std::string::npos) run.report = out.substr(mark + sizeof kReportMark - 1);
-  if (mark == std::string::npos) run.report = (run.skipped ? "needs network namespaces: " : "") + out;
-  return run;
+  if (code == 77) GTEST_SKIP() << "needs network namespaces: " << out;
+  if (code == 0 && out.find("[  SKIPPED ]") != std::string::npos) GTEST_SKIP() << out;
+  EXPECT_EQ(code, 0) << out;
 }
 
 namespace {
-// In a child started by RunInNamespace: runs the registered function before
-// any test, and ends the process with its result.
-struct ChildDispatch : ::testing::Environment {
-  void SetUp() override {
-    const char* name = std::getenv("ZS_CHILD");
-    if (!name) return;
-    std::string report;
-    auto it = Registry().find(name);
-    int code = it != Registry().end() ? it->second(report) : (report = "no child function", 2);
-    std::printf("%s%s", kReportMark, report.c_str());
-    std::fflush(nullptr);
-    std::_Exit(code);
-  }
-};
-::testing::Environment* const g_dispatch = ::testing::AddGlobalTestEnvironment(new ChildDispatch);
-
 // Starts a server until its output says it listens; else why not.
 std::string Started(ChildProcess& child, const std::vector<std::string>& argv, const std::string& mark) {
   std::string why = child.Start(argv);

@@ -27,11 +27,6 @@ struct Event {
   IPEndPoint address;
   void* ctx;
   bool onLoop = false;
-  // "timeout:3:2", "send:1", "connect:0", "close": enough to compare orders.
-  std::string Text() const {
-    if (kind == "timeout") return kind + ":" + std::to_string(cookie) + ":" + std::to_string(status);
-    return kind == "close" ? kind : kind + ":" + std::to_string(cookie ? static_cast<long>(cookie) : status);
-  }
 };
 
 class Recorder : public zelsocket::RefCountBase,
@@ -59,21 +54,10 @@ class Recorder : public zelsocket::RefCountBase,
   }
 
   // Runs inside each callback; may be replaced while the library calls.
-  struct Hook {
-    Hook& operator=(std::function<void(const Event&)> fn) {
-      std::lock_guard<std::mutex> lock(m);
-      f = std::move(fn);
-      return *this;
-    }
-    void operator()(const Event& e) {
-      std::unique_lock<std::mutex> lock(m);
-      auto fn = f;  // called unlocked: it may replace itself
-      lock.unlock();
-      if (fn) fn(e);
-    }
-    std::mutex m;
-    std::function<void(const Event&)> f;
-  } hook;
+  void SetHook(std::function<void(const Event&)> hook) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hook = std::move(hook);
+  }
 
   std::vector<Event> Of(const std::string& kind) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -86,11 +70,6 @@ class Recorder : public zelsocket::RefCountBase,
   bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) {
     return WaitUntil([&] { return Count(kind) >= n; }, t);
   }
-  std::vector<std::string> Trace() {
-    std::vector<std::string> out;
-    for (const Event& e : Of("")) out.push_back(e.Text());
-    return out;
-  }
 
  private:
   static std::string Bytes(const IConstBuffer* b) {
@@ -98,12 +77,16 @@ class Recorder : public zelsocket::RefCountBase,
   }
   void Add(Event e) {
     e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
-    hook(e);
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto hook = m_hook;  // called unlocked: it may replace itself
+    lock.unlock();
+    if (hook) hook(e);
+    lock.lock();
     m_events.push_back(std::move(e));
   }
   std::mutex m_mutex;
   std::vector<Event> m_events;
+  std::function<void(const Event&)> m_hook;
 };
 
 inline zelsocket::RefPtr<Recorder> NewRecorder() {
