@@ -159,7 +159,7 @@ class Sender : public DataSender, public IDataSenderSink {
   std::vector<Timeout> timeouts;
 };
 
-TEST_F(ChannelTest, SenderDefaultTimelineAndItsLogLine) {
+TEST_F(ChannelTest, SenderDefaultTimelineItsLogLineAndTheOrderOfForcedTimeouts) {
   OnLoop([&] {
     Sender sender(&loop);
     RefPtr<IChannelSendOption> udp = Schedule({});
@@ -178,6 +178,14 @@ TEST_F(ChannelTest, SenderDefaultTimelineAndItsLogLine) {
              l.message.substr(l.message.size() - 6) == ",0,3,8";
     };
     EXPECT_EQ(log.CountIf(isLine), 1);
+    // Cookies are keyed as signed 32-bit values: past 2^31 they time out first.
+    sender.timeouts.clear();
+    for (unsigned c : {1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0x7FFFFFFEu, 0x80000001u})
+      EXPECT_TRUE(sender.SendPacket(zstest::Buf("req"), Schedule({1000}), c, g_tick));
+    sender.ForceAllPacketsTimeout();
+    std::vector<unsigned> order;
+    for (const Timeout& t : sender.timeouts) order.push_back(std::get<0>(t));
+    EXPECT_EQ(order, (std::vector<unsigned>{0x80000000u, 0x80000001u, 0xFFFFFFFFu, 1u, 0x7FFFFFFEu, 0x7FFFFFFFu}));
   });
 }
 

@@ -239,6 +239,9 @@ TEST_F(SocketTest, TcpFetchesAFileFromARealHttpServerAndWritesIntoItsClose) {
     failed = sink->Of("send").back().status;
   }
   EXPECT_LT(failed, 0);
+#ifdef SIGPIPE  // the process-wide setting stays the application's
+  EXPECT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
+#endif
 }
 
 // The last reference goes on one thread while another stops the loop, so that
