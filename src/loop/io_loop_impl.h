@@ -160,7 +160,9 @@ class IOLoopImpl {
   uv_idle_t* m_callIdle = nullptr;
   std::vector<CallItem*> m_callQueue;
   std::vector<CallItem*> m_callBatch;  // loop thread only; keeps its capacity
-  uv_mutex_t m_callMutex;
+  // A spin lock: every section under it is a push, a swap or a flag (and, once,
+  // the creation of the call handles); see core/spin_lock.h.
+  SpinLock m_callLock;
   bool m_callOpen = false;
   bool m_callScheduled = false;
 
@@ -199,7 +201,7 @@ class IOLoopImpl {
   bool m_handedOff = false;  // the reaper owns this run's uv_loop_t (set before the join)
 
   // RunFinal items that came after the stop sequence drained m_callQueue; the
-  // loop thread runs them after its last pass.  Guarded by m_callMutex.
+  // loop thread runs them after its last pass.  Guarded by m_callLock.
   std::deque<CallItem*> m_finalQueue;
   bool m_finalOpen = false;
 
