@@ -5,11 +5,7 @@
 
 namespace zelsocket {
 
-AsyncImpl::AsyncImpl(IOLoop* loop) : m_loop(loop ? loop : IOLoop::GetLoop()) {
-  m_anchor.Attach(new CallbackAnchor<AsyncImpl>(this, &AsyncImpl::_AsyncCallback, &AsyncImpl::_AsyncDropped));
-}
-
-AsyncImpl::~AsyncImpl() { m_anchor->Disconnect(); }
+AsyncImpl::AsyncImpl(IOLoop* loop) : m_loop(loop ? loop : IOLoop::GetLoop()) {}
 
 int AsyncImpl::AsyncCall(std::function<void()> fn) {
   if (!m_loop) return kNoLoop;
@@ -18,27 +14,22 @@ int AsyncImpl::AsyncCall(std::function<void()> fn) {
 }
 
 int AsyncImpl::_Post(Call* call) {
-  int rc = m_loop->AsyncCall(m_anchor, call);
-  if (rc == 0) return 0;
-  delete call;
-  LogError(tag::kAsync, "AsyncCall, AsyncCallSafe fail, ret=%d, %s", rc, uv_strerror(rc));
+  int rc = IOLoopImpl::Of(m_loop)->PostItem(call);  // owns `call` from here on
+  if (rc != 0) LogError(tag::kAsync, "AsyncCall, AsyncCallSafe fail, ret=%d, %s", rc, uv_strerror(rc));
   return rc;
 }
 
 void AsyncImpl::Cancel() { m_epoch.fetch_add(1, std::memory_order_acq_rel); }
 
-void AsyncImpl::_AsyncCallback(void* data) {
-  auto* call = static_cast<Call*>(data);
-  if (call->epoch == m_epoch.load(std::memory_order_acquire)) {
-    call->Run();
+// The loop deletes the call afterwards, which may drop the last reference to
+// this object.
+void AsyncImpl::_Run(Call& call) {
+  if (call.epoch == m_epoch.load(std::memory_order_acquire)) {
+    call.Invoke();
   } else {
-    LogInfo(tag::kAsync, "AsyncImpl::_AsyncCallback, AsyncCall Canceled, Cookie=%u.", call->cookie);
+    LogInfo(tag::kAsync, "AsyncImpl::_AsyncCallback, AsyncCall Canceled, Cookie=%u.", call.cookie);
   }
-  // May drop the last reference to this object.
-  delete call;
 }
-
-void AsyncImpl::_AsyncDropped(void* data) { delete static_cast<Call*>(data); }
 
 Async::Async(IOLoop* loop) : _impl(new AsyncImpl(loop)) {}
 

@@ -8,7 +8,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "loop/callback_anchor.h"
+#include "loop/io_loop_impl.h"
 #include "zelsocket/async.h"
 #include "zelsocket/sync.h"
 
@@ -22,7 +22,6 @@ namespace zelsocket {
 class AsyncImpl : public RefCount {
  public:
   explicit AsyncImpl(IOLoop* loop);
-  ~AsyncImpl() override;
 
   static AsyncImpl* Of(Async* async) { return async->_impl; }
 
@@ -41,10 +40,12 @@ class AsyncImpl : public RefCount {
   static constexpr int kNoLoop = -100001;
 
  private:
-  struct Call {
+  // The loop's queue item itself, so that a call is one allocation.
+  struct Call : IOLoopImpl::CallItem {
     Call(std::uint32_t c, std::uint64_t e, AsyncImpl* owner) : cookie(c), epoch(e), self(owner) {}
-    virtual ~Call() = default;
-    virtual void Run() = 0;
+    void Run() override { self->_Run(*this); }
+    void Drop() override {}
+    virtual void Invoke() = 0;
     std::uint32_t cookie;
     std::uint64_t epoch;
     RefPtr<AsyncImpl> self;  // the call may outlive the Async that posted it
@@ -53,19 +54,17 @@ class AsyncImpl : public RefCount {
   struct CallOf final : Call {
     template <typename G>
     CallOf(std::uint32_t c, std::uint64_t e, AsyncImpl* owner, G&& g) : Call(c, e, owner), fn(std::forward<G>(g)) {}
-    void Run() override { fn(); }
+    void Invoke() override { fn(); }
     Fn fn;
   };
 
   int _Post(Call* call);
-  void _AsyncCallback(void* data);
-  void _AsyncDropped(void* data);
+  void _Run(Call& call);
 
   IOLoop* m_loop;
   CookieMgr m_cookies;
   // 64 bits: a pending call never meets its own epoch again after a wrap.
   std::atomic<std::uint64_t> m_epoch{0};
-  RefPtr<CallbackAnchor<AsyncImpl>> m_anchor;
 };
 
 }  // namespace zelsocket

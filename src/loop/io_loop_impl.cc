@@ -369,6 +369,18 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
   item->cb = callback;
   item->fn = std::move(fn);
   item->data = data;
+  return _Enqueue(item, sync);
+}
+
+int IOLoopImpl::PostItem(CallItem* item) {
+  if (_Refusing()) {
+    delete item;
+    return -1;
+  }
+  return _Enqueue(item, false);
+}
+
+int IOLoopImpl::_Enqueue(CallItem* item, bool sync) {
   SyncWait wait;
   if (sync) item->sync = &wait;
   const bool onLoop = !sync && IsLoopThread();
@@ -465,15 +477,14 @@ void IOLoopImpl::_ServeCalls() {
 // Frees the item. It, and what its function captured, is gone before a
 // SyncCall caller wakes: that caller may count on its references being released.
 void IOLoopImpl::_InvokeItem(CallItem* item) {
-  if (item->cb) item->cb->OnAsyncCall(item->data);
-  else if (item->fn) item->fn();
+  item->Run();
   SyncWait* sync = item->sync;
   delete item;
   if (sync) sync->sem.Post();
 }
 
 void IOLoopImpl::_DropItem(CallItem* item) {
-  if (item->cb) item->cb->OnAsyncCallDropped(item->data);
+  item->Drop();
   SyncWait* sync = item->sync;
   delete item;
   if (sync) {
