@@ -28,6 +28,7 @@ class ZELSOCKET_API Async {
   void Cancel();
 
  private:
+  friend class AsyncImpl;
   AsyncImpl* _impl;
 };
 

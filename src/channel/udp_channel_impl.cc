@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/check.h"
+#include "loop/async_impl.h"
 #include "loop/run_on_loop.h"
 #include "core/logging.h"
 #include "core/platform.h"
@@ -209,7 +210,8 @@ int UdpChannelImpl::Send(IConstBuffer* buffer, IChannelSendOption* option, unsig
   RefPtr<IConstBuffer> bufferRef(buffer);
   RefPtr<IChannelSendOption> optionRef(option);
   unsigned int c = cookie;
-  return m_async.AsyncCall([self, bufferRef, optionRef, c, tick] { self->_AsyncSend(bufferRef, optionRef, c, tick); });
+  return AsyncImpl::Of(&m_async)->Post(
+      [self, bufferRef, optionRef, c, tick] { self->_AsyncSend(bufferRef, optionRef, c, tick); });
 }
 
 void UdpChannelImpl::_AsyncSend(RefPtr<IConstBuffer> buffer, RefPtr<IChannelSendOption> option, unsigned int cookie,

@@ -35,7 +35,6 @@ void CloseHandle(Handle*& handle) {
 }  // namespace
 
 IOLoopImpl::IOLoopImpl(IOLoop* owner) : m_owner(owner) {
-  uv_mutex_init(&m_callMutex);
   uv_mutex_init(&m_workMutex);
 }
 
@@ -43,7 +42,6 @@ IOLoopImpl::~IOLoopImpl() {
   // Destroying a running loop would leave its thread on freed state.
   ZS_DCHECK(Loop() == nullptr);
   uv_mutex_destroy(&m_workMutex);
-  uv_mutex_destroy(&m_callMutex);
 }
 
 // ---------------------------------------------------------------------------
@@ -98,7 +96,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   m_stopAsync = NewHandle<uv_async_t>(this);
   uv_async_init(loop, m_stopAsync, _OnAsyncStop_Static);
 
-  uv_mutex_lock(&m_callMutex);
+  m_callLock.Lock();
   m_callAsync = NewHandle<uv_async_t>(this);
   uv_async_init(loop, m_callAsync, _OnAsyncCall_Static);
   m_callCheck = NewHandle<uv_check_t>(this);
@@ -108,7 +106,7 @@ void IOLoopImpl::_InitOnLoopThread() {
   m_callOpen = true;
   m_callScheduled = false;
   m_finalOpen = true;
-  uv_mutex_unlock(&m_callMutex);
+  m_callLock.Unlock();
 
   m_delayLock.Lock();
   m_delayTimer = NewHandle<uv_timer_t>(this);
@@ -168,13 +166,13 @@ void IOLoopImpl::_WaitForWakers() {
 void IOLoopImpl::_AsyncStop() {
   ZS_DCHECK(IsLoopThread());
   if (m_callAsync) {
-    uv_mutex_lock(&m_callMutex);
+    m_callLock.Lock();
     m_callOpen = false;
     m_callScheduled = false;
     std::vector<CallItem*> pending;
     pending.swap(m_callQueue);
+    m_callLock.Unlock();
     LogInfo(tag::kLoop, "IOLoopImpl::_AsyncStop, pending-async-call=%u", static_cast<unsigned>(pending.size()));
-    uv_mutex_unlock(&m_callMutex);
     _WaitForWakers();
     CloseHandle(m_callAsync);
     CloseHandle(m_callCheck);
@@ -238,10 +236,10 @@ void IOLoopImpl::_AsyncStop() {
 void IOLoopImpl::_AfterRun() {
   ZS_DCHECK(IsLoopThread());
   std::deque<CallItem*> finals;
-  uv_mutex_lock(&m_callMutex);
+  m_callLock.Lock();
   m_finalOpen = false;
   finals.swap(m_finalQueue);
-  uv_mutex_unlock(&m_callMutex);
+  m_callLock.Unlock();
   for (CallItem* item : finals) {
     _InvokeItem(item);
   }
@@ -284,14 +282,14 @@ void IOLoopImpl::RunFinal(const std::function<void()>& fn) {
     queued->sync = &wait;
     queued->final = true;
     queued->fn = fn;
-    uv_mutex_lock(&m_callMutex);
+    m_callLock.Lock();
     if (m_callOpen) {
       m_callQueue.push_back(queued);
       const bool wake = !m_callScheduled;
       m_callScheduled = true;
       uv_async_t* async = m_callAsync;
       if (wake) m_wakers.fetch_add(1, std::memory_order_relaxed);
-      uv_mutex_unlock(&m_callMutex);
+      m_callLock.Unlock();
       // A failed wake-up leaves the item queued: a later wake-up or the stop
       // sequence runs it.
       if (wake) {
@@ -303,11 +301,11 @@ void IOLoopImpl::RunFinal(const std::function<void()>& fn) {
     }
     if (m_finalOpen) {
       m_finalQueue.push_back(queued);
-      uv_mutex_unlock(&m_callMutex);
+      m_callLock.Unlock();
       wait.sem.Wait();
       return;
     }
-    uv_mutex_unlock(&m_callMutex);
+    m_callLock.Unlock();
     delete queued;
     {
       std::lock_guard<std::recursive_mutex> life(m_lifeMutex);
@@ -371,13 +369,25 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
   item->cb = callback;
   item->fn = std::move(fn);
   item->data = data;
+  return _Enqueue(item, sync);
+}
+
+int IOLoopImpl::PostItem(CallItem* item) {
+  if (_Refusing()) {
+    delete item;
+    return -1;
+  }
+  return _Enqueue(item, false);
+}
+
+int IOLoopImpl::_Enqueue(CallItem* item, bool sync) {
   SyncWait wait;
   if (sync) item->sync = &wait;
   const bool onLoop = !sync && IsLoopThread();
 
-  uv_mutex_lock(&m_callMutex);
+  m_callLock.Lock();
   if (!m_callOpen) {
-    uv_mutex_unlock(&m_callMutex);
+    m_callLock.Unlock();
     delete item;
     return -1;
   }
@@ -386,7 +396,7 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
   m_callScheduled = true;
   uv_async_t* async = m_callAsync;
   if (wake && !onLoop) m_wakers.fetch_add(1, std::memory_order_relaxed);
-  uv_mutex_unlock(&m_callMutex);
+  m_callLock.Unlock();
 
   if (wake && onLoop) {
     // The loop is awake already: arming the check handle is enough.
@@ -396,7 +406,7 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
     m_wakers.fetch_sub(1, std::memory_order_release);
     if (rc != 0) {
       LogError(tag::kLoop, "IoLoop.AsyncCallSafe, uv_async_send fail.");
-      uv_mutex_lock(&m_callMutex);
+      m_callLock.Lock();
       // No batch is on its way after all; the next post tries to wake the loop.
       m_callScheduled = false;
       // A SyncCall caller is about to leave: it takes its item back unless
@@ -404,7 +414,7 @@ int IOLoopImpl::AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, s
       auto it = sync ? std::find(m_callQueue.begin(), m_callQueue.end(), item) : m_callQueue.end();
       bool removed = it != m_callQueue.end();
       if (removed) m_callQueue.erase(it);
-      uv_mutex_unlock(&m_callMutex);
+      m_callLock.Unlock();
       if (!sync) return -1;
       if (removed) {
         delete item;
@@ -446,15 +456,15 @@ void IOLoopImpl::_ServeCalls() {
   // serves the stop's wake-up ahead of this one, on Windows in the order they
   // were sent; without this a call queued before the stop would still run there.
   if (_StopBegun()) return;
-  uv_mutex_lock(&m_callMutex);
+  m_callLock.Lock();
   m_callBatch.swap(m_callQueue);
-  uv_mutex_unlock(&m_callMutex);
+  m_callLock.Unlock();
   for (CallItem* item : m_callBatch) _InvokeItem(item);
   m_callBatch.clear();
-  uv_mutex_lock(&m_callMutex);
+  m_callLock.Lock();
   bool more = !m_callQueue.empty();
   if (!more) m_callScheduled = false;
-  uv_mutex_unlock(&m_callMutex);
+  m_callLock.Unlock();
   if (!m_callCheck) return;  // a target cannot stop the loop, but stay safe
   if (more) {
     uv_idle_start(m_callIdle, _OnCallIdle_Static);
@@ -467,15 +477,14 @@ void IOLoopImpl::_ServeCalls() {
 // Frees the item. It, and what its function captured, is gone before a
 // SyncCall caller wakes: that caller may count on its references being released.
 void IOLoopImpl::_InvokeItem(CallItem* item) {
-  if (item->cb) item->cb->OnAsyncCall(item->data);
-  else if (item->fn) item->fn();
+  item->Run();
   SyncWait* sync = item->sync;
   delete item;
   if (sync) sync->sem.Post();
 }
 
 void IOLoopImpl::_DropItem(CallItem* item) {
-  if (item->cb) item->cb->OnAsyncCallDropped(item->data);
+  item->Drop();
   SyncWait* sync = item->sync;
   delete item;
   if (sync) {

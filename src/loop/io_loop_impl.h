@@ -32,6 +32,39 @@ class IOLoopImpl {
   bool IsLoopThread() const;
   uv_loop_t* Loop() const { return m_uvLoop.load(std::memory_order_acquire); }
 
+  // What a SyncCall from another thread waits on.  Lives on the caller's stack.
+  struct SyncWait {
+    Semaphore sem;
+    bool dropped = false;  // written before the post, read after the wait
+  };
+
+  // A queued call, run or dropped once and then deleted by the loop.  The
+  // library's own posters derive from it to keep their target in the same
+  // allocation and post it with PostItem.
+  struct CallItem {
+    CallItem() = default;
+    CallItem(const CallItem&) = delete;
+    CallItem& operator=(const CallItem&) = delete;
+    virtual ~CallItem() = default;
+    virtual void Run() {
+      if (cb) cb->OnAsyncCall(data);
+      else if (fn) fn();
+    }
+    virtual void Drop() {
+      if (cb) cb->OnAsyncCallDropped(data);
+    }
+    SyncWait* sync = nullptr;
+    bool final = false;  // RunFinal: run, never dropped
+    std::int64_t due = 0;
+    void* data = nullptr;
+    std::function<void()> fn;
+    RefPtr<IAsyncCallback> cb;
+  };
+
+  // Queues `item` as AsyncCall queues a call, and owns it from here on, also
+  // when it refuses (-1).
+  int PostItem(CallItem* item);
+
   int AsyncCallSafe(IAsyncCallback* callback, void* data, bool sync, std::function<void()> fn);
   int DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data, std::function<void()> fn);
   int QueueWork(IWorkCallback* callback, void* data);
@@ -61,20 +94,6 @@ class IOLoopImpl {
   void StampTimers();
 
  private:
-  // What a SyncCall from another thread waits on.  Lives on the caller's stack.
-  struct SyncWait {
-    Semaphore sem;
-    bool dropped = false;  // written before the post, read after the wait
-  };
-
-  struct CallItem {
-    SyncWait* sync = nullptr;
-    bool final = false;  // RunFinal: run, never dropped
-    std::int64_t due = 0;
-    void* data = nullptr;
-    std::function<void()> fn;
-    RefPtr<IAsyncCallback> cb;
-  };
 
   struct WorkItem {
     uv_work_t req;
@@ -118,6 +137,7 @@ class IOLoopImpl {
   void _OnAsyncQueueWork();
   void _OnAfterWork(WorkItem* item, int status);
   void _WaitForWakers();
+  int _Enqueue(CallItem* item, bool sync);
   static void _InvokeItem(CallItem* item);
   static void _DropItem(CallItem* item);
   static void _DropWork(WorkItem* item);
@@ -160,7 +180,9 @@ class IOLoopImpl {
   uv_idle_t* m_callIdle = nullptr;
   std::vector<CallItem*> m_callQueue;
   std::vector<CallItem*> m_callBatch;  // loop thread only; keeps its capacity
-  uv_mutex_t m_callMutex;
+  // A spin lock: every section under it is a push, a swap or a flag (and, once,
+  // the creation of the call handles); see core/spin_lock.h.
+  SpinLock m_callLock;
   bool m_callOpen = false;
   bool m_callScheduled = false;
 
@@ -199,7 +221,7 @@ class IOLoopImpl {
   bool m_handedOff = false;  // the reaper owns this run's uv_loop_t (set before the join)
 
   // RunFinal items that came after the stop sequence drained m_callQueue; the
-  // loop thread runs them after its last pass.  Guarded by m_callMutex.
+  // loop thread runs them after its last pass.  Guarded by m_callLock.
   std::deque<CallItem*> m_finalQueue;
   bool m_finalOpen = false;
 

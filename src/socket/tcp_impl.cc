@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/check.h"
+#include "loop/async_impl.h"
 #include "loop/run_on_loop.h"
 #include "core/logging.h"
 
@@ -153,7 +154,7 @@ int TcpImpl::Send(IConstBuffer* buffer, void* ctx) {
     }
   }
   RefPtr<IConstBuffer> held(buffer);
-  int rc = m_async.AsyncCall([this, held, ctx] { _AsyncSend(held, ctx); });
+  int rc = AsyncImpl::Of(&m_async)->Post([this, held = std::move(held), ctx] { _AsyncSend(held, ctx); });
   if (rc != 0) {
     LogInfo(tag::kTcp, "TcpImpl::Send, AsyncCall fail");
     return rc;
@@ -174,6 +175,11 @@ void TcpImpl::_AsyncSend(const RefPtr<IConstBuffer>& buffer, void* ctx) {
     if (sink) sink->OnSend(-1, buffer, ctx);
     return;
   }
+  // Nothing ahead of it: straight to the socket, without a queue record.
+  if (m_sendQueue.empty() && !m_flags.IsFlagOn(kSending)) {
+    _StartSend(buffer, ctx);
+    return;
+  }
   m_sendQueue.push_back(new TcpSendRecord{buffer, ctx});
   m_queuedBytes += length;
   _SendQueueData();
@@ -185,16 +191,20 @@ void TcpImpl::_SendQueueData() {
   TcpSendRecord* rec = m_sendQueue.front();
   m_sendQueue.pop_front();
   m_queuedBytes -= rec->buffer->GetLength();
-  int ret = (*m_sendOp)->Send(reinterpret_cast<uv_stream_t*>(m_handle.load()), rec->buffer, rec->ctx, m_sinkAnchor);
+  _StartSend(rec->buffer, rec->ctx);
+  delete rec;
+}
+
+void TcpImpl::_StartSend(const RefPtr<IConstBuffer>& buffer, void* ctx) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  int ret = (*m_sendOp)->Send(reinterpret_cast<uv_stream_t*>(m_handle.load()), buffer, ctx, m_sinkAnchor);
   if (ret != 0) {
     LogInfo(tag::kTcp, "TcpImpl::Send, Send fail, ret=%d", ret);
     // Reported from the loop's queue, never from inside this call.
-    RefPtr<IConstBuffer> buffer = rec->buffer;
-    void* ctx = rec->ctx;
-    m_async.AsyncCall([this, buffer, ctx, ret] { _OnSend(ret, buffer, ctx); });
+    RefPtr<IConstBuffer> held = buffer;
+    m_async.AsyncCall([this, held, ctx, ret] { _OnSend(ret, held, ctx); });
   }
   m_flags.SetFlag(kSending);
-  delete rec;
 }
 
 void TcpImpl::_OnSend(int status, IConstBuffer* buffer, void* ctx) {
@@ -219,7 +229,7 @@ int TcpImpl::Recv(IMutableBuffer* buffer, void* ctx) {
     return -1;
   }
   RefPtr<IMutableBuffer> held(buffer);
-  int rc = m_async.AsyncCall([this, held, ctx] { _AsyncRecv(held, ctx); });
+  int rc = AsyncImpl::Of(&m_async)->Post([this, held = std::move(held), ctx] { _AsyncRecv(held, ctx); });
   if (rc != 0) {
     LogInfo(tag::kTcp, "TcpImpl::Recv, AsyncCall, fail, ret=%u.", static_cast<unsigned>(rc));
     return rc;
@@ -229,6 +239,10 @@ int TcpImpl::Recv(IMutableBuffer* buffer, void* ctx) {
 
 void TcpImpl::_AsyncRecv(const RefPtr<IMutableBuffer>& buffer, void* ctx) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  if (m_recvQueue.empty() && !m_flags.IsFlagOn(kReceiving)) {
+    _StartRecv(buffer, ctx);
+    return;
+  }
   m_recvQueue.push_back(new TcpRecvRecord{buffer, ctx});
   _RecvQueueData();
 }
@@ -238,14 +252,18 @@ void TcpImpl::_RecvQueueData() {
   if (m_recvQueue.empty() || m_flags.IsFlagOn(kReceiving)) return;
   TcpRecvRecord* rec = m_recvQueue.front();
   m_recvQueue.pop_front();
-  int ret = (*m_recvOp)->Recv(reinterpret_cast<uv_stream_t*>(m_handle.load()), rec->buffer, rec->ctx, m_sinkAnchor);
+  _StartRecv(rec->buffer, rec->ctx);
+  delete rec;
+}
+
+void TcpImpl::_StartRecv(const RefPtr<IMutableBuffer>& buffer, void* ctx) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  int ret = (*m_recvOp)->Recv(reinterpret_cast<uv_stream_t*>(m_handle.load()), buffer, ctx, m_sinkAnchor);
   if (ret != 0) {
-    RefPtr<IMutableBuffer> buffer = rec->buffer;
-    void* ctx = rec->ctx;
-    m_async.AsyncCall([this, buffer, ctx, ret] { _OnRecv(ret, buffer, ctx); });
+    RefPtr<IMutableBuffer> held = buffer;
+    m_async.AsyncCall([this, held, ctx, ret] { _OnRecv(ret, held, ctx); });
   }
   m_flags.SetFlag(kReceiving);
-  delete rec;
 }
 
 void TcpImpl::_OnRecv(int status, IMutableBuffer* buffer, void* ctx) {

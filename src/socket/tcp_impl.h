@@ -88,9 +88,11 @@ class TcpImpl : public ITcp, public RefCountBase {
   void _OnConnect(int status, const IPEndPoint& address, void* ctx);
   void _AsyncSend(const RefPtr<IConstBuffer>& buffer, void* ctx);
   void _SendQueueData();
+  void _StartSend(const RefPtr<IConstBuffer>& buffer, void* ctx);
   void _OnSend(int status, IConstBuffer* buffer, void* ctx);
   void _AsyncRecv(const RefPtr<IMutableBuffer>& buffer, void* ctx);
   void _RecvQueueData();
+  void _StartRecv(const RefPtr<IMutableBuffer>& buffer, void* ctx);
   void _OnRecv(int status, IMutableBuffer* buffer, void* ctx);
   void _CancelRecv();
   void _Close();

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "core/check.h"
+#include "loop/async_impl.h"
 #include "loop/run_on_loop.h"
 #include "core/logging.h"
 #include "socket/non_lsp_socket.h"
@@ -116,7 +117,7 @@ int UdpImpl::Send(IConstBuffer* buffer, const IPEndPoint& dest, void* ctx) {
   if (!m_loop || !buffer || !dest.IsValid()) return -1;
   if (m_loop->IsLoopThread()) return _Send(buffer, dest, ctx);
   RefPtr<IConstBuffer> held(buffer);
-  int rc = m_async.AsyncCall([this, held, dest, ctx] { _AsyncSend(held, dest, ctx); });
+  int rc = AsyncImpl::Of(&m_async)->Post([this, held, dest, ctx] { _AsyncSend(held, dest, ctx); });
   if (rc != 0) {
     LogInfo(tag::kUdp, "UdpImpl::Send, AsyncCall fail, ret=%d", rc);
     return rc;
@@ -205,7 +206,7 @@ int UdpImpl::Recv(IMutableBuffer* buffer, void* ctx) {
   if (!m_loop || !buffer) return -1;
   if (m_loop->IsLoopThread()) return _Recv(false, buffer, ctx);
   RefPtr<IMutableBuffer> held(buffer);
-  int rc = m_async.AsyncCall([this, held, ctx] { _AsyncRecv(false, held, ctx); });
+  int rc = AsyncImpl::Of(&m_async)->Post([this, held, ctx] { _AsyncRecv(false, held, ctx); });
   if (rc != 0) LogInfo(tag::kUdp, "UdpImpl::Recv, AsyncCall fail, ret=%d", rc);
   return rc;
 }
@@ -214,7 +215,7 @@ int UdpImpl::StartRecv(IMutableBuffer* buffer, void* ctx) {
   if (!m_loop || !buffer) return -1;
   if (m_loop->IsLoopThread()) return _Recv(true, buffer, ctx);
   RefPtr<IMutableBuffer> held(buffer);
-  int rc = m_async.AsyncCall([this, held, ctx] { _AsyncRecv(true, held, ctx); });
+  int rc = AsyncImpl::Of(&m_async)->Post([this, held, ctx] { _AsyncRecv(true, held, ctx); });
   if (rc != 0) LogInfo(tag::kUdp, "UdpImpl::Recv, AsyncCall fail, ret=%d", rc);
   return rc;
 }

@@ -53,7 +53,8 @@ void UvTcpRecv::Cancel() {
 
 void UvTcpRecv::_AllocCallback(uv_handle_t* handle, size_t suggested, uv_buf_t* out) {
   auto* op = static_cast<UvTcpRecv*>(handle->data);
-  RefPtr<IMutableBuffer> buffer = op->m_ctx ? op->m_ctx->buffer : RefPtr<IMutableBuffer>();
+  // The record holds the buffer until the delivery.
+  IMutableBuffer* buffer = op->m_ctx ? op->m_ctx->buffer.Get() : nullptr;
   if (!buffer) {
     // No receive armed: libuv answers UV_ENOBUFS, and reading stops there.
     *out = uv_buf_init(nullptr, 0);
