@@ -640,8 +640,25 @@ class WindowChannelSink : public IChannelSink, public RefCountBase {
   std::atomic<long> timedOut{0};
 };
 
-// The application thread keeps kWindow requests outstanding; Round() returns
-// its seconds and adds the process's CPU seconds to `cpu`.
+// Keeps kWindow requests outstanding, `send(i)` sending request i, until all
+// kRequests are answered; returns the seconds and adds the process's CPU
+// seconds to `cpu`.
+template <typename Send>
+double PlayWindow(const std::atomic<long>& answered, double& cpu, Send send) {
+  long base = answered.load();
+  double cpu0 = zsbench::ProcessCpuSeconds();
+  auto t0 = std::chrono::steady_clock::now();
+  for (int i = 0; i < kRequests; ++i) {
+    while (i - (answered.load(std::memory_order_acquire) - base) >= kWindow) std::this_thread::yield();
+    send(static_cast<std::size_t>(i));
+  }
+  while (answered.load(std::memory_order_acquire) - base < kRequests) std::this_thread::yield();
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  cpu += zsbench::ProcessCpuSeconds() - cpu0;
+  return seconds;
+}
+
+// Round() plays one window of requests (PlayWindow).
 class WindowChannel {
  public:
   WindowChannel() {
@@ -664,19 +681,11 @@ class WindowChannel {
   }
   double Round(double& cpu) {
     m_sink->cookies.reset(new std::atomic<unsigned int>[kRequests]());
-    long base = m_sink->answered.load();
-    double cpu0 = zsbench::ProcessCpuSeconds();
-    auto t0 = std::chrono::steady_clock::now();
-    for (int i = 0; i < kRequests; ++i) {
-      while (i - (m_sink->answered.load(std::memory_order_acquire) - base) >= kWindow) std::this_thread::yield();
+    return PlayWindow(m_sink->answered, cpu, [this](std::size_t i) {
       unsigned int cookie = 0;
-      m_channel->Send(m_requests[static_cast<std::size_t>(i)], m_option, cookie);
-      m_sink->cookies[static_cast<std::size_t>(i)].store(cookie, std::memory_order_release);
-    }
-    while (m_sink->answered.load(std::memory_order_acquire) - base < kRequests) std::this_thread::yield();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    cpu += zsbench::ProcessCpuSeconds() - cpu0;
-    return seconds;
+      m_channel->Send(m_requests[i], m_option, cookie);
+      m_sink->cookies[i].store(cookie, std::memory_order_release);
+    });
   }
   bool ok = false;
 
@@ -716,17 +725,8 @@ class WindowBareUdp {
     m_loop.Stop();
   }
   double Round(double& cpu) {
-    long base = m_sink->answered.load();
-    double cpu0 = zsbench::ProcessCpuSeconds();
-    auto t0 = std::chrono::steady_clock::now();
-    for (int i = 0; i < kRequests; ++i) {
-      while (i - (m_sink->answered.load(std::memory_order_acquire) - base) >= kWindow) std::this_thread::yield();
-      m_udp->Send(m_requests[static_cast<std::size_t>(i)], m_echo.Address(), nullptr);
-    }
-    while (m_sink->answered.load(std::memory_order_acquire) - base < kRequests) std::this_thread::yield();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    cpu += zsbench::ProcessCpuSeconds() - cpu0;
-    return seconds;
+    return PlayWindow(m_sink->answered, cpu,
+                      [this](std::size_t i) { m_udp->Send(m_requests[i], m_echo.Address(), nullptr); });
   }
   bool ok = false;
 
