@@ -198,8 +198,7 @@ void IOLoopImpl::_AsyncStop() {
     pending.swap(m_delayQueue);
     std::vector<TimerEntry> timers;
     timers.swap(m_timerQueue);
-    timers.insert(timers.end(), m_timerFresh.begin(), m_timerFresh.end());
-    m_timerFresh.clear();
+    m_timerHeapSize = 0;
     std::vector<TimerImpl*> released;
     for (TimerEntry& entry : timers) {
       if (entry.timer->_DropEntryLocked()) released.push_back(entry.timer);
@@ -515,7 +514,7 @@ int IOLoopImpl::DelayCallSafe(int delayMs, IAsyncCallback* callback, void* data,
 
 std::size_t IOLoopImpl::PendingDelayCalls() {
   m_delayLock.Lock();
-  std::size_t n = m_delayQueue.size() + m_timerQueue.size() + m_timerFresh.size();
+  std::size_t n = m_delayQueue.size() + m_timerQueue.size();
   m_delayLock.Unlock();
   return n;
 }
@@ -527,19 +526,22 @@ bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer
   ++timer->m_entries;
   if (IsLoopThread()) {
     // Stamped with the others when this phase of the loop ends (see
-    // m_timerFresh): one clock read for all armings of a callback run.
-    if (m_timerFresh.empty()) {
+    // m_timerQueue): one clock read for all armings of a callback run.
+    if (m_timerQueue.size() == m_timerHeapSize) {
       uv_prepare_start(m_stampPrepare, _OnStampPrepare_Static);
       uv_check_start(m_stampCheck, _OnStampCheck_Static);
     }
-    m_timerFresh.push_back(TimerEntry{delayMs, id, timer});
+    m_timerQueue.push_back(TimerEntry{delayMs, id, timer});
     return true;
   }
   // The precise clock: the coarse one can lag by more than its resolution
   // (late scheduler ticks on a busy host), which would fire a timer early.
   std::int64_t due = static_cast<std::int64_t>(platform::TickMs()) + static_cast<std::int64_t>(delayMs);
   m_timerQueue.push_back(TimerEntry{due, id, timer});
-  std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
+  std::swap(m_timerQueue[m_timerHeapSize], m_timerQueue.back());
+  ++m_timerHeapSize;
+  std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(m_timerHeapSize),
+                 TimerDueLater());
   return true;
 }
 
@@ -556,16 +558,16 @@ void IOLoopImpl::StampTimers() {
 
 void IOLoopImpl::_StampTimersLocked() {
   ZS_DCHECK(IsLoopThread());
-  if (m_timerFresh.empty()) return;
+  const std::size_t size = m_timerQueue.size();
+  if (size == m_timerHeapSize) return;
   // Read after every arming in the list: their delays count from no earlier
   // than the calls.
   auto now = static_cast<std::int64_t>(platform::TickMs());
-  for (TimerEntry& entry : m_timerFresh) {
-    entry.due += now;
-    m_timerQueue.push_back(entry);
-    std::push_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
+  for (std::size_t i = m_timerHeapSize; i < size; ++i) {
+    m_timerQueue[i].due += now;
+    std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(i + 1), TimerDueLater());
   }
-  m_timerFresh.clear();
+  m_timerHeapSize = size;
   if (m_stampPrepare) {
     uv_prepare_stop(m_stampPrepare);
     uv_check_stop(m_stampCheck);
@@ -588,14 +590,17 @@ void IOLoopImpl::_OnDelayTimer() {
     m_delayLock.Lock();
     auto now = static_cast<std::int64_t>(platform::TickMs());
     bool callDue = !m_delayQueue.empty() && now > m_delayQueue.front()->due;
-    bool timerDue = !m_timerQueue.empty() && now > m_timerQueue.front().due;
+    bool timerDue = m_timerHeapSize != 0 && now > m_timerQueue.front().due;
     if (callDue && (!timerDue || m_delayQueue.front()->due <= m_timerQueue.front().due)) {
       std::pop_heap(m_delayQueue.begin(), m_delayQueue.end(), DueLater());
       item = m_delayQueue.back();
       m_delayQueue.pop_back();
     } else if (timerDue) {
-      std::pop_heap(m_timerQueue.begin(), m_timerQueue.end(), TimerDueLater());
-      entry = m_timerQueue.back();
+      std::pop_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(m_timerHeapSize),
+                    TimerDueLater());
+      entry = m_timerQueue[--m_timerHeapSize];
+      // An arming of a timer fired in this pass, not yet stamped, takes the hole.
+      m_timerQueue[m_timerHeapSize] = m_timerQueue.back();
       m_timerQueue.pop_back();
       current = entry.timer->_TakeDueLocked(entry.id, fire, rearmFailed, dead);
     }

@@ -188,14 +188,17 @@ class IOLoopImpl {
 
   uv_timer_t* m_delayTimer = nullptr;
   std::vector<CallItem*> m_delayQueue;  // min-heap by due
-  std::vector<TimerEntry> m_timerQueue;  // min-heap by due, beside m_delayQueue
-  // Armings made on the loop thread, whose `due` still holds the delay: the
-  // clock is read once for all of them when the running phase of the loop ends,
-  // before the poll blocks (prepare) or right after the I/O callbacks (check),
-  // whichever comes first.  A due time counted from then is never earlier than
-  // one counted from the call, and later only by what ran after the call in the
-  // same phase.  Only the loop thread touches it, under m_delayLock.
-  std::vector<TimerEntry> m_timerFresh;
+  // Timers: a min-heap by due in [0, m_timerHeapSize), beside m_delayQueue,
+  // then the armings made on the loop thread whose `due` still holds the delay.
+  // The clock is read once for all of them when the running phase of the loop
+  // ends, before the poll blocks (prepare) or right after the I/O callbacks
+  // (check), whichever comes first, and they join the heap where they lie.  A
+  // due time counted from then is never earlier than one counted from the call,
+  // and later only by what ran after the call in the same phase.  The order of
+  // the unstamped armings does not matter, so an arming from another thread or
+  // a pop may swap one of them to the end.
+  std::vector<TimerEntry> m_timerQueue;
+  std::size_t m_timerHeapSize = 0;
   uv_prepare_t* m_stampPrepare = nullptr;
   uv_check_t* m_stampCheck = nullptr;
   // A spin lock: every section under it is a heap push or pop, a timer's few
