@@ -41,6 +41,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench_support.h"
@@ -773,31 +774,71 @@ void BM_Window(benchmark::State& state) {
 constexpr int kTimers = 100000;
 
 // 100,000 timers on each side, made before the clock starts: only arming
-// counts.  Each Timer is a heap block of its own, as a timer inside an object
-// of its own would be, and so is each uv_timer_t.
+// counts.  Where the handles live matters as much as what arming does, so each
+// row runs in two layouts, the same on both sides:
+//   kBlocks  each handle a heap block of its own, as a timer inside an object of
+//            its own would be.  A Timer is then two blocks side by side (the
+//            handle, and its implementation), a uv_timer_t one.
+//   kPacked  the handles side by side in a deque; a Timer's implementations lie
+//            side by side elsewhere.
+// Made again every round (BM_Arm), the handle blocks come back in order, but
+// the implementation of a destroyed Timer lives on with its arming, so the new
+// implementations land in fresh memory, none beside its handle (0 of 100,000,
+// counted): every arming reaches two places far apart, where a uv_timer_t is
+// one block.
+enum Layout { kBlocks = 0, kPacked = 1 };
+
+template <typename Handle>
+class Handles {
+ public:
+  explicit Handles(Layout layout) : m_layout(layout) {}
+  template <typename... Args>
+  Handle& Make(Args&&... args) {
+    if (m_layout == kBlocks) {
+      m_blocks.emplace_back(new Handle(std::forward<Args>(args)...));
+      m_all.push_back(m_blocks.back().get());
+    } else {
+      m_packed.emplace_back(std::forward<Args>(args)...);
+      m_all.push_back(&m_packed.back());
+    }
+    return *m_all.back();
+  }
+  const std::vector<Handle*>& All() const { return m_all; }
+  void Clear() {
+    m_all.clear();
+    m_blocks.clear();
+    m_packed.clear();
+  }
+
+ private:
+  Layout m_layout;
+  std::vector<Handle*> m_all;
+  std::vector<std::unique_ptr<Handle>> m_blocks;
+  std::deque<Handle> m_packed;
+};
+
 class OursTimers {
  public:
-  OursTimers() : m_impl(IOLoopImpl::Of(&m_loop)) { m_loop.Start(); }
+  explicit OursTimers(Layout layout) : m_impl(IOLoopImpl::Of(&m_loop)), m_timers(layout) { m_loop.Start(); }
   ~OursTimers() {
-    m_loop.SyncCall([this] { m_timers.clear(); });
+    m_loop.SyncCall([this] { m_timers.Clear(); });
     m_loop.Stop();
   }
   void Make() {
     m_loop.SyncCall([this] {
-      m_timers.reserve(kTimers);
-      for (int i = 0; i < kTimers; ++i) m_timers.emplace_back(new Timer(&m_loop));
+      for (int i = 0; i < kTimers; ++i) m_timers.Make(&m_loop);
     });
   }
   // Destroyed timers leave their armings in the loop's heap until due.
   void Destroy() {
-    m_loop.SyncCall([this] { m_timers.clear(); });
+    m_loop.SyncCall([this] { m_timers.Clear(); });
   }
   // Seconds to arm them all with `delayMs`; `fired` counts the firings.
   double Arm(int delayMs) {
     double elapsed = 0;
     m_loop.SyncCall([&] {
       auto t0 = std::chrono::steady_clock::now();
-      for (auto& t : m_timers) t->SetTimeout(delayMs, 0, [this] { ++m_fired; });
+      for (Timer* t : m_timers.All()) t->SetTimeout(delayMs, 0, [this] { ++m_fired; });
       // Armings on the loop thread get their due times when the running phase
       // of the loop ends; that pass is part of their cost.
       m_impl->StampTimers();
@@ -814,38 +855,37 @@ class OursTimers {
  private:
   IOLoop m_loop;
   IOLoopImpl* m_impl;
-  std::vector<std::unique_ptr<Timer>> m_timers;
+  Handles<Timer> m_timers;
   long m_fired = 0;  // loop thread
 };
 
 class RawTimers {
  public:
-  RawTimers() : m_raw(zsbench::RawLoop::Mode::kDrain) {}
+  explicit RawTimers(Layout layout) : m_raw(zsbench::RawLoop::Mode::kDrain), m_timers(layout) {}
   ~RawTimers() { Destroy(); }
   void Make() {
     Run([this] {
-      m_timers.reserve(kTimers);
       for (int i = 0; i < kTimers; ++i) {
-        m_timers.emplace_back(new uv_timer_t);
-        uv_timer_init(m_raw.Loop(), m_timers.back().get());
-        m_timers.back()->data = &m_fired;
+        uv_timer_t& t = m_timers.Make();
+        uv_timer_init(m_raw.Loop(), &t);
+        t.data = &m_fired;
       }
     });
   }
   void Destroy() {
     Run([this] {
-      for (auto& t : m_timers) uv_close(reinterpret_cast<uv_handle_t*>(t.get()), nullptr);
+      for (uv_timer_t* t : m_timers.All()) uv_close(reinterpret_cast<uv_handle_t*>(t), nullptr);
     });
     // The closes finish on the loop's next turn, before the blocks go.
-    Run([this] { m_timers.clear(); });
+    Run([this] { m_timers.Clear(); });
   }
   double Arm(int delayMs) {
     double elapsed = 0;
     Run([&] {
       auto t0 = std::chrono::steady_clock::now();
-      for (auto& t : m_timers) {
-        uv_timer_start(t.get(), [](uv_timer_t* h) { ++*static_cast<long*>(h->data); },
-                       static_cast<std::uint64_t>(delayMs), 0);
+      for (uv_timer_t* t : m_timers.All()) {
+        uv_timer_start(t, [](uv_timer_t* h) { ++*static_cast<long*>(h->data); }, static_cast<std::uint64_t>(delayMs),
+                       0);
       }
       elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     });
@@ -867,7 +907,7 @@ class RawTimers {
   }
   zsbench::RawLoop m_raw;
   Semaphore m_done;
-  std::vector<std::unique_ptr<uv_timer_t>> m_timers;
+  Handles<uv_timer_t> m_timers;
   long m_fired = 0;  // loop thread
 };
 
@@ -880,8 +920,8 @@ void ReportArm(benchmark::State& state, double ours, double raw, long rounds) {
 // heap keeps each arming until it is due, so it grows by 100,000 a round,
 // where libuv's timers leave their heap when closed.
 void BM_Arm(benchmark::State& state) {
-  OursTimers ours;
-  RawTimers raw;
+  OursTimers ours(Layout(state.range(0)));
+  RawTimers raw(Layout(state.range(0)));
   PairedRatios ratios;
   double oursSeconds = 0, rawSeconds = 0;
   bool oursFirst = true;
@@ -907,8 +947,8 @@ void BM_Arm(benchmark::State& state) {
 // the next: neither heap grows, as in a program whose timers come due.
 void BM_Rearm(benchmark::State& state) {
   constexpr int kDelayMs = 60;
-  OursTimers ours;
-  RawTimers raw;
+  OursTimers ours(Layout(state.range(0)));
+  RawTimers raw(Layout(state.range(0)));
   ours.Make();
   raw.Make();
   PairedRatios ratios;
@@ -944,7 +984,7 @@ BENCHMARK(BM_UdpSend_Ours)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_UdpSend_Raw)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Ping)->Arg(0)->Arg(1)->Arg(2)->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Window)->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Arm)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Rearm)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Arm)->Arg(kBlocks)->Arg(kPacked)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Rearm)->Arg(kBlocks)->Arg(kPacked)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
 
 ZSBENCH_MAIN()

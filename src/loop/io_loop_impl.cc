@@ -196,7 +196,7 @@ void IOLoopImpl::_AsyncStop() {
     m_delayOpen = false;
     std::vector<CallItem*> pending;
     pending.swap(m_delayQueue);
-    std::vector<TimerEntry> timers;
+    PodVector<TimerEntry> timers;
     timers.swap(m_timerQueue);
     m_timerHeapSize = 0;
     std::vector<TimerImpl*> released;
@@ -540,7 +540,7 @@ bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer
   m_timerQueue.push_back(TimerEntry{due, id, timer});
   std::swap(m_timerQueue[m_timerHeapSize], m_timerQueue.back());
   ++m_timerHeapSize;
-  std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(m_timerHeapSize),
+  std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize,
                  TimerDueLater());
   return true;
 }
@@ -565,7 +565,7 @@ void IOLoopImpl::_StampTimersLocked() {
   auto now = static_cast<std::int64_t>(platform::TickMs());
   for (std::size_t i = m_timerHeapSize; i < size; ++i) {
     m_timerQueue[i].due += now;
-    std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(i + 1), TimerDueLater());
+    std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + i + 1, TimerDueLater());
   }
   m_timerHeapSize = size;
   if (m_stampPrepare) {
@@ -596,7 +596,7 @@ void IOLoopImpl::_OnDelayTimer() {
       item = m_delayQueue.back();
       m_delayQueue.pop_back();
     } else if (timerDue) {
-      std::pop_heap(m_timerQueue.begin(), m_timerQueue.begin() + static_cast<std::ptrdiff_t>(m_timerHeapSize),
+      std::pop_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize,
                     TimerDueLater());
       entry = m_timerQueue[--m_timerHeapSize];
       // An arming of a timer fired in this pass, not yet stamped, takes the hole.

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/pod_vector.h"
 #include "core/spin_lock.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
@@ -197,7 +198,7 @@ class IOLoopImpl {
   // and later only by what ran after the call in the same phase.  The order of
   // the unstamped armings does not matter, so an arming from another thread or
   // a pop may swap one of them to the end.
-  std::vector<TimerEntry> m_timerQueue;
+  PodVector<TimerEntry> m_timerQueue;
   std::size_t m_timerHeapSize = 0;
   uv_prepare_t* m_stampPrepare = nullptr;
   uv_check_t* m_stampCheck = nullptr;
