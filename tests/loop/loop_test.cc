@@ -226,9 +226,18 @@ TEST_F(LoopTest, TimerReplacedCancelledOrDestroyedAnywhere) {
     for (int i = 0; i < 50; ++i)
       std::thread([&] { Timer(&loop).SetTimeout(0, 0, [&fired] { fired += 1000; }); }).join();
   });
+  // An arming from another thread while one made on the loop thread still waits
+  // for its clock reading: neither may take the other's due time.
+  Timer onLoop(&loop), fromThread(&loop);
+  loop.SyncCall([&] {
+    auto start = Clock::now();
+    onLoop.SetTimeout(150, 0,
+                      [&, start] { fired += Clock::now() - start >= std::chrono::milliseconds(149) ? 100 : 1000; });
+    std::thread([&] { fromThread.SetTimeout(0, 0, [&fired] { fired += 100; }); }).join();
+  });
   Semaphore settled;  // the delayed calls due by then have run
   loop.DelayCall(200, [&settled] { settled.Post(); }), settled.Wait();
-  EXPECT_TRUE(fired == 11 && ticks == 3 && runningInside && token.use_count() == 1);
+  EXPECT_TRUE(fired == 211 && ticks == 3 && runningInside && token.use_count() == 1) << fired;
   EXPECT_FALSE(repeating.IsRunning() || cancelled.IsRunning());
 }
 
