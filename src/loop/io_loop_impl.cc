@@ -540,8 +540,7 @@ bool IOLoopImpl::PushTimerLocked(int delayMs, std::uint32_t id, TimerImpl* timer
   m_timerQueue.push_back(TimerEntry{due, id, timer});
   std::swap(m_timerQueue[m_timerHeapSize], m_timerQueue.back());
   ++m_timerHeapSize;
-  std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize,
-                 TimerDueLater());
+  std::push_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize, TimerDueLater());
   return true;
 }
 
@@ -560,8 +559,8 @@ void IOLoopImpl::_StampTimersLocked() {
   ZS_DCHECK(IsLoopThread());
   const std::size_t size = m_timerQueue.size();
   if (size == m_timerHeapSize) return;
-  // Read after every arming in the list: their delays count from no earlier
-  // than the calls.
+  // Read after every arming waiting at the tail: their delays count from no
+  // earlier than the calls.
   auto now = static_cast<std::int64_t>(platform::TickMs());
   for (std::size_t i = m_timerHeapSize; i < size; ++i) {
     m_timerQueue[i].due += now;
@@ -596,8 +595,7 @@ void IOLoopImpl::_OnDelayTimer() {
       item = m_delayQueue.back();
       m_delayQueue.pop_back();
     } else if (timerDue) {
-      std::pop_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize,
-                    TimerDueLater());
+      std::pop_heap(m_timerQueue.begin(), m_timerQueue.begin() + m_timerHeapSize, TimerDueLater());
       entry = m_timerQueue[--m_timerHeapSize];
       // An arming of a timer fired in this pass, not yet stamped, takes the hole.
       m_timerQueue[m_timerHeapSize] = m_timerQueue.back();
