@@ -32,7 +32,6 @@ class PodVector {
   }
 
   std::size_t size() const { return m_size; }
-  bool empty() const { return m_size == 0; }
   T* begin() { return m_data; }
   T* end() { return m_data + m_size; }
   T& operator[](std::size_t i) { return m_data[i]; }
