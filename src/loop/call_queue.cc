@@ -103,7 +103,7 @@ int CallQueue::Post(CallItem* item, bool sync) {
     case Accepted::kQueued:
       if (!wake) break;
       if (!sync && m_owner->IsLoopThread()) {
-        _ArmService(false);
+        _ArmService();
         return 0;
       }
       if (_Wake(sync ? item : nullptr, generation, async) != 0) return -1;
@@ -146,20 +146,22 @@ bool CallQueue::RunFinal(const std::function<void()>& fn) {
   return Post(item, true) == 0;
 }
 
-void CallQueue::_OnAsync_Static(uv_async_t* handle) { static_cast<CallQueue*>(handle->data)->_ArmService(true); }
+void CallQueue::_OnAsync_Static(uv_async_t* handle) { static_cast<CallQueue*>(handle->data)->_ArmService(); }
 
 void CallQueue::_OnCheck_Static(uv_check_t* handle) { static_cast<CallQueue*>(handle->data)->_Serve(); }
 
 // Only its being active matters: it makes the poll return at once.
 void CallQueue::_OnIdle_Static(uv_idle_t* /*handle*/) {}
 
-// The wake-up comes in the poll phase, and the check phase follows in the same
-// iteration; from any other phase the poll must not block before it.
-void CallQueue::_ArmService(bool fromPoll) {
+// The batch comes in the check phase.  The idle handle keeps the poll from
+// blocking before it: a wake-up is mostly handled right after the poll, but
+// libuv on Windows defers what it cannot finish there to the next iteration,
+// ahead of the poll.  _Serve stops it once the queue is empty.
+void CallQueue::_ArmService() {
   ZS_DCHECK(m_owner->IsLoopThread());
   if (!m_check) return;
   uv_check_start(m_check, _OnCheck_Static);
-  if (!fromPoll) uv_idle_start(m_idle, _OnIdle_Static);
+  uv_idle_start(m_idle, _OnIdle_Static);
 }
 
 void CallQueue::_Serve() {

@@ -137,7 +137,7 @@ class CallQueue {
   enum class Accepted { kQueued, kLate, kRefused };
   Accepted _Push(CallItem* item, bool& wake, std::uint64_t& generation, uv_async_t*& async);
   int _Wake(CallItem* item, std::uint64_t generation, uv_async_t* async);
-  void _ArmService(bool fromPoll);
+  void _ArmService();
   void _Serve();
 
   static void _OnAsync_Static(uv_async_t* handle);
