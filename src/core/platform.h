@@ -14,6 +14,9 @@ namespace platform {
 // Milliseconds on a monotonic clock that does not wrap.  Schedules, delays and
 // the log's delay fields use it.
 std::uint64_t TickMs();
+// Microseconds on the same kind of clock, for what a whole millisecond would
+// blur: a channel's round-trip samples and due times on a fast link.
+std::uint64_t TickUs();
 
 // Wall clock in whole seconds since the epoch (cache ages, log time stamps).
 std::int64_t WallClockSeconds();
