@@ -66,22 +66,24 @@ bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, un
 
 void DataSender::_SendOnce(Packet* packet) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  // Read before the hand-over, and the wait counts from here too: on loopback
+  // the answer can be back before the socket call returns.
+  const std::uint64_t now = _Now();
   if (!m_paused && m_dest.IsValid()) {
     if (!packet->dest.IsValid()) packet->dest = m_dest;
+    const std::uint64_t offset = now - packet->createTick;
     if (SendData(packet) == 0) {
       ++m_stats.transmissions;
       if (packet->send++ > 0) ++m_stats.retransmissions;
-      std::uint64_t offset = _Now() - packet->createTick;
       packet->sentOffsetUs = offset < UINT32_MAX ? static_cast<std::uint32_t>(offset) : UINT32_MAX;
     }
   }
   packet->sendTimes.push_back(m_wallClock());
-  _Schedule(packet);
+  _Schedule(packet, now);
 }
 
-void DataSender::_Schedule(Packet* packet) {
+void DataSender::_Schedule(Packet* packet, std::uint64_t now) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  std::uint64_t now = _Now();
   // A schedule shortened under the packet: let the next pass end it.
   std::uint64_t due = now;
   if (packet->adaptive) {

@@ -131,7 +131,7 @@ class DataSender {
   };
 
   void _SendOnce(Packet* packet);
-  void _Schedule(Packet* packet);
+  void _Schedule(Packet* packet, std::uint64_t now);
   void _StartTimer();
   void _OnTimer();
   bool _CheckSchedule(Packet** expired);
