@@ -1,6 +1,6 @@
 // Internal: the send schedule that learns the round-trip time of its packets.
 //
-// The sender recognises it (dynamic_cast, once per packet) and talks to it
+// The sender recognises it (by its type, once per packet) and talks to it
 // through the members below; IChannelSendOption itself gains nothing.  One
 // object may serve channels on several loops at once: the learned state sits
 // under m_lock, and the wait that every transmission reads is an atomic copy,
@@ -11,12 +11,13 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <typeinfo>
 
 #include "zelsocket/channel_option.h"
 
 namespace zelsocket {
 
-class AdaptiveSendOptionImpl : public IChannelSendOption, public RefCountBase {
+class AdaptiveSendOptionImpl final : public IChannelSendOption, public RefCountBase {
  public:
   explicit AdaptiveSendOptionImpl(const AdaptiveSendConfig& config);
 
@@ -67,9 +68,12 @@ class AdaptiveSendOptionImpl : public IChannelSendOption, public RefCountBase {
   std::atomic<std::uint64_t> m_intervalUs;
 };
 
-// The learning schedule behind `option`, or null for any other kind.
+// The learning schedule behind `option`, or null for any other kind.  The
+// class is final, so comparing the exact type is enough, and cheaper than a
+// dynamic_cast that fails for every plain schedule.
 inline AdaptiveSendOptionImpl* AsAdaptive(IChannelSendOption* option) {
-  return dynamic_cast<AdaptiveSendOptionImpl*>(option);
+  return option && typeid(*option) == typeid(AdaptiveSendOptionImpl) ? static_cast<AdaptiveSendOptionImpl*>(option)
+                                                                     : nullptr;
 }
 
 }  // namespace zelsocket

@@ -101,8 +101,8 @@ void DataSender::_Schedule(Packet* packet, std::uint64_t now) {
 void DataSender::_StartTimer() {
   ZS_ASSERT_LOOP_THREAD(m_loop);
   // Stale entries on top would wake the loop for nothing: they go now, as a
-  // pass would drop them.
-  while (!m_schedule.empty() && !_Live(m_schedule.front())) {
+  // pass would drop them.  Those due after the armed time can wait for it.
+  while (!m_schedule.empty() && m_schedule.front().due < m_armedDue && !_Live(m_schedule.front())) {
     std::pop_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
     m_schedule.pop_back();
   }
