@@ -112,7 +112,10 @@ void DataSender::_StartTimer() {
   // Whole milliseconds, rounded up: the timer never fires before the due time.
   const std::uint64_t waitMs = m_armedDue > now ? (m_armedDue - now + 999) / 1000 : 0;
   // A refused arming (a stopping loop) is not tried again, as no pass will come.
-  m_timer.SetTimeout(static_cast<int>(std::min<std::uint64_t>(waitMs, INT32_MAX)), 0, [this] { _OnTimer(); });
+  m_timer.SetTimeout(static_cast<int>(std::min<std::uint64_t>(waitMs, INT32_MAX)), 0, [this] {
+    m_armedDue = UINT64_MAX;
+    _OnTimer();
+  });
 }
 
 bool DataSender::_RunOut(const Packet* packet, std::uint64_t now) const {
@@ -122,7 +125,6 @@ bool DataSender::_RunOut(const Packet* packet, std::uint64_t now) const {
 
 void DataSender::_OnTimer() {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  m_armedDue = UINT64_MAX;
   Packet* expired = nullptr;
   if (_CheckSchedule(&expired)) m_async.AsyncCall([this] { _OnTimer(); });
   _StartTimer();
