@@ -22,11 +22,11 @@ AdaptiveSendConfig Normalised(AdaptiveSendConfig c) {
 }
 
 // The shortest run of unanswered first transmissions that a link losing
-// `rate` of them produces by chance less than 1% of the time, within [2, 8]:
-// a longer run says the peer or the path is in trouble, not just lossy.
+// `rate` of them produces by chance less than once in a thousand runs, within
+// [2, 16]: a longer run says the peer or the path is in trouble, not just lossy.
 int RunThreshold(double rate) {
   int run = 2;
-  for (double chance = rate * rate; chance >= 0.01 && run < 8; chance *= rate) ++run;
+  for (double chance = rate * rate; chance >= 0.001 && run < 16; chance *= rate) ++run;
   return run;
 }
 
@@ -71,11 +71,10 @@ void AdaptiveSendOptionImpl::OnAnswered(std::uint64_t rttUs) {
 void AdaptiveSendOptionImpl::OnFirstLoss() {
   std::lock_guard<std::mutex> lock(m_lock);
   Learned& l = m_learned;
-  // Judged by the rate before this loss, so a sudden long run stands out.
-  if (++l.lossRun >= RunThreshold(l.lossRate)) {
-    l.lossRun = 0;
-    l.backoff = std::min(l.backoff + 1, kMaxBackoff);
-  }
+  // Judged by the rate before the run began, which the run itself does not
+  // raise: an outage doubles the wait every `runThreshold` packets.
+  if (l.lossRun == 0) l.runThreshold = RunThreshold(l.lossRate);
+  if (++l.lossRun % l.runThreshold == 0) l.backoff = std::min(l.backoff + 1, kMaxBackoff);
   l.lossRate += (1 - l.lossRate) / 16;
   _PublishLocked();
 }

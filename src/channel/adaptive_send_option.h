@@ -55,6 +55,7 @@ class AdaptiveSendOptionImpl final : public IChannelSendOption, public RefCountB
     std::int64_t rttvarUs = 0;
     int backoff = 0;
     int lossRun = 0;        // first transmissions unanswered in a row
+    int runThreshold = 2;   // the run length that doubles the wait, set as a run begins
     double lossRate = 0;    // of first transmissions, smoothed over about 16 packets
   };
   // Under m_lock: the wait that follows from the learned state.
