@@ -42,6 +42,8 @@ struct Row {
   int backoff;
 };
 
+void PrintTo(const Row& row, std::ostream* out) { *out << row.what; }
+
 AdaptiveSendConfig Config(int minMs, int maxMs) {
   AdaptiveSendConfig c;
   c.minTimeoutMs = minMs;
