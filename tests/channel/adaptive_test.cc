@@ -79,6 +79,7 @@ TEST_P(EstimatorTest, AfterTheScriptTheScheduleHasLearned) {
   RefPtr<IChannelSendOption> plain;
   CreateChannelSendOption(plain);
   plain->AddSendInterval(7);  // replaced, not kept
+  option->CopyTo(nullptr);
   option->CopyTo(plain);
   EXPECT_TRUE(plain->IsValid());
   EXPECT_EQ(10, plain->GetSendCount());
