@@ -16,29 +16,18 @@
 namespace zelsocket {
 namespace platform {
 
-std::uint64_t TickMs() {
-#ifdef _WIN32
-  return GetTickCount64();
-#else
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
-         static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
-#endif
-}
-
 std::uint64_t TickUs() {
 #ifdef _WIN32
-  // GetTickCount64 moves in steps of 10-16 ms; the performance counter does not.
   static const std::uint64_t frequency = [] {
     LARGE_INTEGER f;
     QueryPerformanceFrequency(&f);
     return static_cast<std::uint64_t>(f.QuadPart);
   }();
-  LARGE_INTEGER count;
-  QueryPerformanceCounter(&count);
-  const auto c = static_cast<std::uint64_t>(count.QuadPart);
-  return c / frequency * 1000000u + c % frequency * 1000000u / frequency;
+  LARGE_INTEGER now;
+  QueryPerformanceCounter(&now);
+  auto ticks = static_cast<std::uint64_t>(now.QuadPart);
+  // Split, so that the product cannot overflow.
+  return ticks / frequency * 1000000u + ticks % frequency * 1000000u / frequency;
 #else
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
