@@ -67,7 +67,8 @@ struct AdaptiveSendConfig {
 // its transmissions (Karn's rule).  From the samples it keeps the smoothed
 // round trip SRTT and its variation RTTVAR with the gains of RFC 6298 (1/8 and
 // 1/4), and waits RTO = SRTT + max(1 ms, 4 * RTTVAR) after every transmission,
-// the initial timeout before the first sample, within [min, max].
+// the initial timeout before the first sample, within [min, max], rounded to
+// the nearest whole millisecond (the grain of the loop's timers).
 //
 // Backoff: the wait of one packet does not grow from one retransmission to the
 // next, so a link that merely loses packets keeps its short tail.  The wait of

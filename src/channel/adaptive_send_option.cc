@@ -45,7 +45,9 @@ std::uint64_t AdaptiveSendOptionImpl::_IntervalLocked() const {
   if (m_learned.samples > 0) rto = m_learned.srttUs + std::max(kGranularityUs, 4 * m_learned.rttvarUs);
   rto = std::clamp(rto, minUs, maxUs);
   for (int i = 0; i < m_learned.backoff && rto < maxUs; ++i) rto *= 2;
-  return static_cast<std::uint64_t>(std::min(rto, maxUs));
+  // To the nearest whole millisecond, the grain in which the loop's timers are
+  // armed: rounded up, a wait of 2.1 ms would last 3.
+  return static_cast<std::uint64_t>((std::min(rto, maxUs) + 500) / 1000 * 1000);
 }
 
 void AdaptiveSendOptionImpl::OnAnswered(std::uint64_t rttUs) {

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cmath>
 #include <sstream>
 #include <stdexcept>
 
@@ -83,7 +82,7 @@ TEST_P(EstimatorTest, AfterTheScriptTheScheduleHasLearned) {
   option->CopyTo(plain);
   EXPECT_TRUE(plain->IsValid());
   EXPECT_EQ(10, plain->GetSendCount());
-  EXPECT_EQ(static_cast<int>(std::ceil(row.rtoMs)), plain->GetSendInterval(9));
+  EXPECT_EQ(static_cast<int>(row.rtoMs), plain->GetSendInterval(9));
   EXPECT_EQ(loop.Stop(), 0);
 }
 
@@ -97,9 +96,9 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"two lost first transmissions with no loss before: doubled", 1, 10000, "a40 r r", 40, 20, 240, 1},
         Row{"a timed answer ends the backoff", 1, 10000, "a40 r r a40", 40, 15, 100, 0},
         Row{"a link losing 44%: a run of 7 is its normal", 1, 10000,
-            "a40 " + Times("r a40 ", 12) + Times("r ", 7), 40, 0.632, 42.528, 0},
-        Row{"... an outage doubles every 8", 1, 10000, "a40 " + Times("r a40 ", 12) + Times("r ", 16), 40, 0.632,
-            170.112, 2},
+            "a40 " + Times("r a40 ", 12) + Times("r ", 7), 40, 0.632, 43, 0},
+        Row{"... an outage doubles every 8", 1, 10000, "a40 " + Times("r a40 ", 12) + Times("r ", 16), 40, 0.632, 170,
+            2},
         Row{"each timeout doubles", 1, 10000, "t t", 0, 0, 8000, 3},
         Row{"the minimum", 500, 10000, "a40", 40, 20, 500, 0},
         Row{"the maximum, backoff included", 1, 200, "a40 r r", 40, 20, 200, 1}),
