@@ -30,6 +30,21 @@ def load(path, link):
     return series
 
 
+def thin(points):
+    """Drops repeated points and the middle of three on one vertical or horizontal line."""
+    out = []
+    for p in points:
+        if out and p == out[-1]:
+            continue
+        if len(out) >= 2:
+            (ax, ay), (bx, by), (cx, cy) = (q.split(",") for q in (out[-2], out[-1], p))
+            if (ax == bx == cx) or (ay == by == cy):
+                out[-1] = p
+                continue
+        out.append(p)
+    return out
+
+
 def draw(series, title, width=760, height=440):
     left, right, top, bottom = 70, 210, 40, 50
     pw, ph = width - left - right, height - top - bottom
@@ -72,6 +87,7 @@ def draw(series, title, width=760, height=440):
             points.append(f"{x(v):.1f},{y(share_after):.1f}")
         if points and len(s["answered"]) < total:
             points.append(f"{left + pw:.1f},{points[-1].split(',')[1]}")
+        points = thin(points)
         out.append(f'<polyline fill="none" stroke="{colour}" stroke-width="1.6" points="{" ".join(points)}"/>')
         ly = top + 14 + 18 * i
         timed_out = total - len(s["answered"])
