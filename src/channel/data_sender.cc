@@ -1,7 +1,5 @@
 #include "channel/data_sender.h"
 
-#include "channel/adaptive_send_option.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "channel/adaptive_send_option.h"
 #include "core/check.h"
 #include "core/logging.h"
 #include "core/platform.h"
