@@ -34,9 +34,8 @@ int TimerImpl::SetTimeout(int delayMs, int intervalMs, std::function<void()>&& f
     m_fn.swap(fn);  // the replaced function dies in the caller, outside the lock
     ++m_entries;
   }
-  const bool queued = m_impl->Refusing() ? false
-                      : onLoop           ? queue.ArmLocal(delayMs, id, this)
-                                         : queue.ArmRemote(node.release(), delayMs, id, this);
+  // ArmLocal refuses once a stop has begun; ArmRemote once the queue closed.
+  const bool queued = onLoop ? queue.ArmLocal(delayMs, id, this) : queue.ArmRemote(node.release(), delayMs, id, this);
   if (queued) return 0;
   // Refused: the timer still looks armed (as after a refused delayed call)
   // until it is cancelled or armed again.
