@@ -37,10 +37,26 @@ ChildProcess::~ChildProcess() {
   if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
 }
 
+const std::string& ScratchDir() {
+  static std::string made;  // one test per process under ctest; a new test, a new folder
+  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : "no-test";
+  std::string dir = std::string(ZS_TEST_SCRATCH) + "/" + name + (InNamespace() ? ".ns" : "");
+  if (made != dir) {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+    std::filesystem::create_directories(dir, ignored);
+    made = dir;
+  }
+  return made;
+}
+
 const std::string& ChildProcess::Dir() {
-  std::error_code ignored;
-  std::string path = (std::filesystem::temp_directory_path(ignored) / "zs_child_XXXXXX").string();
-  if (m_dir.empty() && mkdtemp(path.data())) m_dir = path;
+  if (m_dir.empty()) {
+    m_dir = ScratchDir() + "/child" + std::to_string(++s_made);
+    std::error_code ignored;
+    std::filesystem::create_directories(m_dir, ignored);
+  }
   return m_dir;
 }
 
@@ -54,6 +70,7 @@ std::string ChildProcess::Start(const std::vector<std::string>& argv) {
   pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
+    setpgid(0, 0);                     // so that Kill takes whatever the child starts
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed by its timeout takes its children along
     if (getppid() != parent) _exit(127);
     dup2(out, 1);
@@ -62,6 +79,7 @@ std::string ChildProcess::Start(const std::vector<std::string>& argv) {
     _exit(127);
   }
   close(out);
+  if (m_pid > 0) setpgid(m_pid, m_pid);  // before Kill could need it, whichever side runs first
   return m_pid > 0 ? "" : "needs fork";
 }
 
@@ -73,7 +91,7 @@ bool ChildProcess::Running() {
 }
 
 void ChildProcess::Kill() {
-  if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+  if (m_pid > 0 && kill(-m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
   m_pid = -1;
 }
 

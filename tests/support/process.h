@@ -11,8 +11,15 @@
 
 namespace zstest {
 
-// A child whose output goes to a file in its scratch directory Dir(); killed
-// when the object goes, and by the kernel if the test dies first.
+// A folder of the running test's own under the build tree, emptied at its first
+// use in a process: what a run killed by its timeout left behind goes at the
+// next run, and nothing lands in the system's temporary folder.
+const std::string& ScratchDir();
+
+// A child in a process group of its own, whose output goes to a file in its
+// folder Dir() (under ScratchDir()); the group is killed and the folder removed
+// when the object goes, and the child is killed by the kernel if the test dies
+// first.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -29,6 +36,7 @@ class ChildProcess {
  private:
   int m_pid = -1, m_exit = -1;
   std::string m_dir;
+  static inline int s_made = 0;
 };
 
 // Outside a namespace: runs the current test again in a fresh process of this

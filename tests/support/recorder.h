@@ -1,6 +1,6 @@
-// One recording sink for every sink interface of the library.  Each callback
-// runs the hook first (so that whoever waits for an event also sees what the
-// hook did), then records the event.
+// One recording sink for every sink interface of the library, and a fixture
+// with a running loop.  Each callback runs the hook first (so that whoever
+// waits for an event also sees what the hook did), then records the event.
 #ifndef ZELSOCKET_TESTS_SUPPORT_RECORDER_H
 #define ZELSOCKET_TESTS_SUPPORT_RECORDER_H
 
@@ -33,7 +33,8 @@ class Recorder : public zelsocket::RefCountBase,
                  public zelsocket::IUdpSink,
                  public zelsocket::ITcpSink,
                  public zelsocket::IChannelSink,
-                 public zelsocket::IHostResolveSink {
+                 public zelsocket::IHostResolveSink,
+                 public Trace<Event> {
  public:
   int AddRef() override { return InternalAddRef(); }
   int Release() override { return InternalRelease(); }
@@ -55,20 +56,25 @@ class Recorder : public zelsocket::RefCountBase,
 
   // Runs inside each callback; may be replaced while the library calls.
   void SetHook(std::function<void(const Event&)> hook) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(m_hookMutex);
     m_hook = std::move(hook);
   }
-
-  std::vector<Event> Of(const std::string& kind) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+  // The events of one kind (all for an empty kind), in order.
+  std::vector<Event> Of(const std::string& kind) const {
     std::vector<Event> out;
-    for (const Event& e : m_events)
+    for (const Event& e : Events())
       if (kind.empty() || e.kind == kind) out.push_back(e);
     return out;
   }
-  size_t Count(const std::string& kind) { return Of(kind).size(); }
-  bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) {
+  size_t Count(const std::string& kind) const { return Of(kind).size(); }
+  bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) const {
     return WaitUntil([&] { return Count(kind) >= n; }, t);
+  }
+  // "kind:status" of every event, for comparing whole sequences.
+  std::vector<std::string> Kinds() const {
+    std::vector<std::string> out;
+    for (const Event& e : Events()) out.push_back(e.kind + ":" + std::to_string(e.status));
+    return out;
   }
 
  private:
@@ -77,15 +83,13 @@ class Recorder : public zelsocket::RefCountBase,
   }
   void Add(Event e) {
     e.onLoop = zelsocket::IOLoop::CurrentLoop() != nullptr;
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_hookMutex);
     auto hook = m_hook;  // called unlocked: it may replace itself
     lock.unlock();
     if (hook) hook(e);
-    lock.lock();
-    m_events.push_back(std::move(e));
+    Trace<Event>::Add(std::move(e));
   }
-  std::mutex m_mutex;
-  std::vector<Event> m_events;
+  std::mutex m_hookMutex;
   std::function<void(const Event&)> m_hook;
 };
 
@@ -106,10 +110,17 @@ inline void* Ctx(long n) { return reinterpret_cast<void*>(n); }
 // The references to `object` other than the caller's.
 inline int CountOf(zelsocket::IRefCount* object) { return object->AddRef(), object->Release(); }
 
-// Blocks until everything queued on `loop` before this call has run.
-inline void Drain(zelsocket::IOLoop& loop) {
-  for (int i = 0; i < 3; ++i) loop.SyncCall([] {});
-}
+// A started loop, stopped after the test, with a log recorder and a sink.
+class LoopFixture : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(loop.Start(), 0); }
+  void TearDown() override { EXPECT_EQ(loop.Stop(), 0); }
+  void OnLoop(const std::function<void()>& fn) { zstest::OnLoop(loop, fn); }
+
+  LogRecorder log;  // also keeps the per-packet and per-datagram lines off the output
+  zelsocket::IOLoop loop;
+  zelsocket::RefPtr<Recorder> sink = NewRecorder();
+};
 
 }  // namespace zstest
 

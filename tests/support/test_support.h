@@ -1,6 +1,9 @@
-// A log recorder and bounded waits, shared by every test executable.
+// Helpers shared by every test executable: a log recorder, bounded waits, calls
+// on a loop's thread, and a trace of events.
 #ifndef ZELSOCKET_TESTS_SUPPORT_TEST_SUPPORT_H
 #define ZELSOCKET_TESTS_SUPPORT_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -10,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "zelsocket/io_loop.h"
 #include "zelsocket/log.h"
 
 namespace zstest {
@@ -44,9 +48,6 @@ class LogRecorder {
   int CountPrefix(const std::string& p) const {
     return CountIf([&](const LogLine& l) { return l.message.compare(0, p.size(), p) == 0; });
   }
-  bool Has(zelsocket::LOG_LEVEL level, const std::string& tag, const std::string& m) const {
-    return CountIf([&](const LogLine& l) { return l.level == level && l.tag == tag && l.message == m; }) > 0;
-  }
   int CountIf(const std::function<bool(const LogLine&)>& f) const {
     auto lines = Lines();
     return static_cast<int>(std::count_if(lines.begin(), lines.end(), f));
@@ -66,6 +67,47 @@ inline bool WaitUntil(const std::function<bool()>& done,
   }
   return true;
 }
+
+// Runs `fn` on the loop's thread and waits for it; a loop that refuses the call
+// fails the test.
+inline void OnLoop(zelsocket::IOLoop& loop, const std::function<void()>& fn) {
+  ASSERT_EQ(loop.SyncCall(fn), 0) << "the loop refused the call";
+}
+
+// Blocks until everything queued on `loop` before this call has run, and what
+// that queued in turn, two hops deep.
+inline void Drain(zelsocket::IOLoop& loop) {
+  for (int i = 0; i < 3; ++i) loop.SyncCall([] {});
+}
+
+// What happened, in order, recorded from any thread.
+template <typename Event>
+class Trace {
+ public:
+  void Add(Event e) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.push_back(std::move(e));
+  }
+  std::vector<Event> Events() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_events;
+  }
+  size_t Size() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_events.size();
+  }
+  bool WaitForSize(size_t n, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const {
+    return WaitUntil([&] { return Size() >= n; }, timeout);
+  }
+  void Clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_events.clear();
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<Event> m_events;
+};
 
 }  // namespace zstest
 
