@@ -14,6 +14,10 @@ ASan trees (configure them first with tools/check.sh normal asan):
     --mutants FILE       run a mutants file instead of a draw (a saved sample, or
                          the hand-chosen tools/mutants.txt)
     --only ID,...        run only these mutants of the sample, in this order
+    --exclude REGEX      leave these tests out (ctest -E), to see what the rest catch
+    --under PATH         draw only from this part of src/ (repeatable)
+    --matrix             run every test, not up to the first failure, and record
+                         every failing one: which tests catch what, alone or not
 
 The draw: every line of src/ outside comments, preprocessor lines, log calls,
 debug assertions and Windows-only code yields its candidate faults -- the first
@@ -133,10 +137,11 @@ def candidates(path):
     return out
 
 
-def draw(seed, count):
+def draw(seed, count, under=None):
     pool = []
     for path in sorted((ROOT / "src").rglob("*")):
-        if path.suffix in (".h", ".cc") and str(path.relative_to(ROOT)) not in SKIP_FILES:
+        rel = str(path.relative_to(ROOT))
+        if path.suffix in (".h", ".cc") and rel not in SKIP_FILES and (not under or rel.startswith(tuple(under))):
             pool += candidates(path)
     random.Random(seed).shuffle(pool)
     sample = pool[:count]
@@ -178,17 +183,22 @@ def failed_tests(log):
     return re.findall(r"Test +#\d+: (\S+) \.+\**(?:Failed|Timeout|Exception|Subprocess)", text)
 
 
+EXCLUDE = []  # ctest -E, from --exclude
+MATRIX = False  # --matrix: every test runs, and every failing one is recorded
+
+
 def build_and_test(tree, logdir, tag):
     """Returns (status, detail): status is pass, fail or build-failed."""
     build_log = logdir / f"{tag}.build.log"
     if run(["cmake", "--build", str(tree), "-j2"], ROOT, build_log) != 0:
         return "build-failed", ""
     test_log = logdir / f"{tag}.ctest.log"
-    rc = run(["ctest", "-j2", "--timeout", "120", "--stop-on-failure", "--output-on-failure"], tree, test_log)
+    mode = ["--timeout", "30"] if MATRIX else ["--timeout", "120", "--stop-on-failure", "--output-on-failure"]
+    rc = run(["ctest", "-j2"] + mode + EXCLUDE, tree, test_log)
     if rc == 0:
         return "pass", ""
     names = failed_tests(test_log)
-    return "fail", ",".join(names[:3]) or f"ctest exit {rc}"
+    return "fail", ",".join(names if MATRIX else names[:3]) or f"ctest exit {rc}"
 
 
 def run_mutant(m, trees, logdirs):
@@ -231,15 +241,22 @@ def main():
     ap.add_argument("--only", help="comma-separated mutant ids, run in this order")
     ap.add_argument("--out", default="mutation-results.txt")
     ap.add_argument("--no-baseline", action="store_true", help="skip the unmutated run")
+    ap.add_argument("--exclude", help="ctest -E: leave these tests out (to see what the others catch)")
+    ap.add_argument("--under", action="append", help="draw only from this path, e.g. src/socket (repeatable)")
+    ap.add_argument("--matrix", action="store_true", help="run every test and record every failing one")
     args = ap.parse_args()
+    global MATRIX
+    MATRIX = args.matrix
+    if args.exclude:
+        EXCLUDE.extend(["-E", args.exclude])
     if (args.seed is None) == (args.mutants is None):
         sys.exit("give either --seed or --mutants")
 
     if args.mutants:
         mutants, origin = read_mutants(args.mutants), f"mutants file {args.mutants}"
     else:
-        mutants, pool = draw(args.seed, args.count)
-        origin = f"seed {args.seed}: {len(mutants)} of {pool} candidates over src/"
+        mutants, pool = draw(args.seed, args.count, args.under)
+        origin = f"seed {args.seed}: {len(mutants)} of {pool} candidates over {', '.join(args.under or ['src/'])}"
     if args.save_sample:
         with open(args.save_sample, "w") as out:
             out.write(f"# {origin}\n# id\tpath\toriginal\treplacement\tkind\n")

@@ -48,7 +48,18 @@ struct FakePlatform : INonLspPlatform {
     if (!catalogue.empty()) std::memcpy(buffer, catalogue.data(), catalogue.size() * sizeof(ProtocolInfoW));
     return static_cast<int>(catalogue.size());
   }
-  int WSAEnumProtocolsA(int*, ProtocolInfoA*, EnumLength*) override { return (lastError = 10022, -1); }
+  // The listing: the same entries, narrow.
+  int WSAEnumProtocolsA(int*, ProtocolInfoA* buffer, EnumLength* length) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    EnumLength needed = static_cast<EnumLength>(catalogue.size() * sizeof(ProtocolInfoA));
+    if (*length < needed) return (*length = needed, lastError = kEnumNoBuffers, -1);
+    for (const ProtocolInfoW& w : catalogue) {
+      ProtocolInfoA& a = *buffer++;
+      std::memcpy(&a, &w, offsetof(ProtocolInfoA, szProtocol));
+      std::snprintf(a.szProtocol, sizeof a.szProtocol, "%ls", w.szProtocol);
+    }
+    return static_cast<int>(catalogue.size());
+  }
   SocketHandle WSASocketW(int af, int type, int protocol, ProtocolInfoW* info) override {
     Log("W", af, type, protocol, info ? " entry=" + std::to_string(info->dwCatalogEntryId) : " null");
     return (lastError = 10047, refuseWSASocket ? kInvalidSocket : 100);
@@ -72,7 +83,7 @@ struct FakePlatform : INonLspPlatform {
 TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
   zstest::LogRecorder log;
   FakePlatform fake;
-  const ProviderGuid layered = {0x12345678, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}};
+  const ProviderGuid layered = {0xE70F1AA0, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}};  // the base's first field
   fake.catalogue = {Entry(layered, 1001, AF_INET, 2), Entry(*BaseProviderId(AF_INET), 1002, AF_INET6),
                     Entry(*BaseProviderId(AF_INET), 1003, AF_INET), Entry(*BaseProviderId(AF_INET6), 1004, AF_INET6)};
   fake.demands = {9000, 20000};
@@ -98,27 +109,38 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
 }
 
 // Without a base entry the provider socket is made with no record; when that
-// fails, a plain UDP socket; when that fails, a plain socket of protocol 0.
-TEST(NonLspSocketTest, FallbackChain) {
+// fails, a plain UDP socket; when that fails, a plain socket of protocol 0.  A
+// lookup's outcome, found or not, is kept: a second socket walks nothing, and a
+// failed lookup logs the catalogue once.
+TEST(NonLspSocketTest, FallbackChainAndTheKeptOutcomeOfTheLookup) {
   struct Case {
-    bool missingEntry, refuseWSASocket;
+    bool refuseWSASocket;
     int refuseProtocol, af;
     SocketHandle result;
-    std::vector<std::string> creations;
+    std::vector<std::string> creations;  // of one socket
   } const cases[] = {
-      {true, false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
-      {false, true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
-      {false, true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
-      {false, true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},
+      {false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
+      {true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
+      {true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
+      {true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},
   };
   for (const Case& c : cases) {
+    zstest::LogRecorder log;
     FakePlatform fake;
-    if (!c.missingEntry) fake.catalogue = {Entry(*BaseProviderId(AF_INET), 9, AF_INET)};
+    fake.catalogue = {Entry(*BaseProviderId(AF_INET), 9, AF_INET)};
     fake.refuseWSASocket = c.refuseWSASocket;
     fake.refuseProtocol = c.refuseProtocol;
-    EXPECT_EQ(NonLspSocketFactory(fake).CreateNonLSPSocket(c.af), c.result) << c.creations.back();
-    EXPECT_EQ(fake.creations, c.creations);
+    NonLspSocketFactory factory(fake);
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
+    std::vector<std::string> twice = c.creations;
+    twice.insert(twice.end(), c.creations.begin(), c.creations.end());
+    EXPECT_EQ(fake.creations, twice);
     EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
+    const std::string failed = "CreateNonLSPSocket, _GetBaseProviderInfo fail, af=" + std::to_string(c.af) +
+                               ", type=2, protocol=17, Protocol List:\nEntryId=9, Name=entry, ChainLen=1, Version=0, "
+                               "AF=2, SockType=2, Protocol=17, Guid={E70F1AA0-AB8B-11CF-8CA3-00805F48A192}\n\n";
+    EXPECT_EQ(log.Count(failed), c.af == AF_INET6 ? 1 : 0) << c.creations.back();
   }
 }
 

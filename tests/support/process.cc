@@ -27,9 +27,6 @@ bool InNamespace() { return std::getenv("ZS_IN_NAMESPACE") != nullptr; }
 ChildProcess::~ChildProcess() = default;
 void RerunInNamespace(std::chrono::seconds) { GTEST_SKIP() << "needs network namespaces"; }
 std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs POSIX child processes"; }
-std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*) {
-  return "needs POSIX child processes";
-}
 #else
 ChildProcess::~ChildProcess() {
   Kill();
@@ -154,16 +151,6 @@ std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
   return why;
 }
 
-std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files,
-                            unsigned short* port) {
-  for (const auto& [name, body] : files) std::ofstream(child.Dir() + "/" + name, std::ios::binary) << body;
-  std::string why =
-      Started(child, {"python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory", child.Dir()},
-              "Serving HTTP on 127.0.0.1 port ");
-  std::string out = child.Output();
-  if (why.empty()) *port = static_cast<unsigned short>(std::stoi(out.substr(out.find(" port ") + 6)));
-  return why;
-}
 #endif
 
 }  // namespace zstest

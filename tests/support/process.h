@@ -5,7 +5,6 @@
 #define ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 
 #include <chrono>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -45,12 +44,9 @@ class ChildProcess {
 bool InNamespace();
 void RerunInNamespace(std::chrono::seconds timeout = std::chrono::seconds(60));
 
-// dnsmasq on 127.0.0.1 answering example.test with 10.1.2.3, and python3's
-// http.server on 127.0.0.1 serving `files` (name to content).  Empty once the
-// server listens (its port written back), else why not.  dnsmasq takes
-// `*port`, or any free port if it is 0.
+// dnsmasq on 127.0.0.1 answering example.test with 10.1.2.3: empty once it
+// listens on `*port` (any free port if 0, written back), else why not.
 std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
-std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
 
 }  // namespace zstest
 

@@ -92,22 +92,22 @@ class Trace {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_events;
   }
-  size_t Size() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_events.size();
-  }
   bool WaitForSize(size_t n, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000)) const {
-    return WaitUntil([&] { return Size() >= n; }, timeout);
-  }
-  void Clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_events.clear();
+    return WaitUntil([&] { return Events().size() >= n; }, timeout);
   }
 
  private:
   mutable std::mutex m_mutex;
   std::vector<Event> m_events;
 };
+
+// Where two byte strings part, for strings too long to print: empty when they
+// are equal.
+inline std::string Mismatch(const std::string& a, const std::string& b) {
+  size_t at = std::mismatch(a.begin(), a.begin() + std::min(a.size(), b.size()), b.begin()).first - a.begin();
+  if (a == b) return "";
+  return "differ at " + std::to_string(at) + " of " + std::to_string(a.size()) + " and " + std::to_string(b.size());
+}
 
 }  // namespace zstest
 
