@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <tuple>
 #include <utility>
 
 #include "core/logging.h"
@@ -28,9 +30,8 @@ TEST(Buffer, GrowthPolicy) {
       const Step& s = kCases[c][i];
       bool ok = s.op == 'R' ? b.Reserve(s.n) : s.op == 'S' ? b.Resize(s.n)
                 : s.op == 'A' ? b.Append(kBytes, s.n) : b.CopyFrom(kBytes, s.n);
-      EXPECT_EQ(ok, s.ok) << "case " << c << " step " << i;
-      EXPECT_EQ(b.GetLength(), s.length) << "case " << c << " step " << i;
-      EXPECT_EQ(b.GetCapacity(), s.capacity) << "case " << c << " step " << i;
+      EXPECT_EQ(std::make_tuple(ok, b.GetLength(), b.GetCapacity()), std::make_tuple(s.ok, s.length, s.capacity))
+          << "case " << c << " step " << i;
     }
   }
 }
@@ -46,11 +47,9 @@ TEST(Buffer, CopiesAndComparison) {
   assigned = b;
   b.GetBuf()[0] = 'X';
   assigned = static_cast<Buffer&>(assigned);
-  EXPECT_EQ(copy.Compare(kBytes, 30), 0);
-  EXPECT_EQ(assigned.Compare(kBytes, 30), 0);
+  EXPECT_EQ(std::make_pair(copy.Compare(kBytes, 30), assigned.Compare(kBytes, 30)), std::make_pair(0, 0));
   EXPECT_EQ(copy.GetCapacity(), 30);
   copy = empty;
-  EXPECT_TRUE(copy.IsEmpty());
   EXPECT_TRUE(static_cast<IMutableBuffer*>(copy)->IsEmpty());
   EXPECT_EQ(Buffer(empty).GetBuf(), nullptr);
   b.CopyFrom("abc", 3);
@@ -89,7 +88,7 @@ TEST(BitFlagTest, SetResetAndAnyBitOfTheMask) {
     EXPECT_EQ(flags.IsFlagOn(row.query), row.on) << std::hex << row.set << " " << row.reset << " " << row.query;
     BitFlag copy(flags);
     copy.ResetAll();
-    EXPECT_FALSE(copy.IsFlagOn(0xFFFFFFFF));
+    EXPECT_FALSE(copy.IsFlagOn(0xFFFFFFFF)) << std::hex << row.set;
   }
 }
 
@@ -99,19 +98,20 @@ TEST(Log, CallbackGetsLevelTagAndFormattedTextElseBareLinesGoToStandardOutput) {
     zstest::LogRecorder log;
     LogDebug(tag::kTimer, "%s", std::string(3000, 'a').c_str());  // cut to 2047
     const wchar_t pair[] = {static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00), 0};  // UTF-32: 2 invalid
-    LogError(tag::kUdp, "%S%S[%5S|%-4S|%u|%lld|%td|%zd|%zu|%jd]", L"\u007f\u0080\u07ff\u0800\uffff\U0001F600", pair,
-             L"ab", L"c", 4000000000u, -5000000000LL, std::ptrdiff_t{-7}, std::ptrdiff_t{-3}, std::size_t{9},
-             std::intmax_t{-9});
+    LogError(tag::kUdp, "%S%S[%5S|%-4S|%u|%lld|%td|%zd|%zu|%jd|%lu|%llx|%.2s|%10u|%p]",
+             L"\u007f\u0080\u07ff\u0800\uffff\U0001F600", pair, L"ab", L"c", 4000000000u, -5000000000LL,
+             std::ptrdiff_t{-7}, std::ptrdiff_t{-3}, std::size_t{9}, std::intmax_t{-9}, 7ul, 255ull, "abc", 42u,
+             static_cast<const void*>(pair));
+    char pointer[32];
+    std::snprintf(pointer, sizeof pointer, "%p", static_cast<const void*>(pair));
     std::vector<zstest::LogLine> lines = log.Lines();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].level, LOG_LEVEL_DEBUG);
-    EXPECT_EQ(lines[0].tag, "timer");
+    EXPECT_EQ(std::make_tuple(lines[0].level, lines[0].tag), std::make_tuple(LOG_LEVEL_DEBUG, "timer"));
     EXPECT_EQ(lines[0].message, std::string(2047, 'a'));
-    EXPECT_EQ(lines[1].level, LOG_LEVEL_ERROR);
-    EXPECT_EQ(lines[1].tag, "udp");
+    EXPECT_EQ(std::make_tuple(lines[1].level, lines[1].tag), std::make_tuple(LOG_LEVEL_ERROR, "udp"));
     EXPECT_EQ(lines[1].message, "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x9f\x98\x80" +
         std::string(sizeof(wchar_t) == 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd\xef\xbf\xbd") +
-        "[   ab|c   |4000000000|-5000000000|-7|-3|9|-9]");
+        "[   ab|c   |4000000000|-5000000000|-7|-3|9|-9|7|ff|ab|        42|" + pointer + "]");
   }
   LogInfo(tag::kLoop, "after %s", "x");  // the recorder has put the null callback back
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "after x\n");

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -71,8 +73,7 @@ struct FakePlatform : INonLspPlatform {
   }
   void Log(const char* what, int af, int type, int protocol, const std::string& tail) {
     std::lock_guard<std::mutex> lock(mutex);
-    creations.push_back(std::string(what) + " " + std::to_string(af) + " " + std::to_string(type) + " " +
-                        std::to_string(protocol) + tail);
+    creations.push_back(what + (" " + std::to_string(af)) + " " + std::to_string(type) + " " + std::to_string(protocol) + tail);
   }
   int WSAGetLastError() override { return lastError; }
   int StringFromGUID2(const ProviderGuid& guid, wchar_t* text, int length) override {
@@ -133,7 +134,7 @@ TEST(NonLspSocketTest, FallbackChainAndTheKeptOutcomeOfTheLookup) {
     NonLspSocketFactory factory(fake);
     EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
     EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
-    std::vector<std::string> twice = c.creations;
+    std::vector<std::string> twice(c.creations);
     twice.insert(twice.end(), c.creations.begin(), c.creations.end());
     EXPECT_EQ(fake.creations, twice);
     EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
@@ -157,7 +158,8 @@ TEST(NonLspSocketTest, StandsOnTheBaseProviderOfTheRealCatalogue) {
     WSAPROTOCOL_INFOW actual{};
     int size = sizeof actual;
     EXPECT_EQ(0, ::getsockopt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&actual), &size)) << af;
-    EXPECT_TRUE(IsEqualGUID(actual.ProviderId, *BaseProviderId(af)) && actual.ProtocolChain.ChainLen == 1) << af;
+    EXPECT_TRUE(IsEqualGUID(actual.ProviderId, *BaseProviderId(af))) << af;
+    EXPECT_EQ(actual.ProtocolChain.ChainLen, 1) << af;
     EXPECT_EQ(1, log.CountPrefix("CreateNonLSPSocket, _GetBaseProviderInfo ok, af=" + std::to_string(af) + ","));
     ::closesocket(s);
   }

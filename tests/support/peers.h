@@ -1,5 +1,4 @@
-// Echo peers on loopback, each on a libuv loop and a thread of its own, so
-// that they run wherever libuv does.  Both bind port 0.
+// Echo peers on loopback (port 0), each on a libuv loop and thread of its own.
 #ifndef ZELSOCKET_TESTS_SUPPORT_PEERS_H
 #define ZELSOCKET_TESTS_SUPPORT_PEERS_H
 

@@ -1,6 +1,5 @@
-// Real peers in child processes, and parts of a test that run in a network
-// namespace of their own.  Where a facility is missing the helpers say why
-// ("needs ...") and the test skips with the reason.
+// Peers in child processes, and tests rerun in a network namespace of their
+// own.  Where a facility is missing the helpers say why ("needs ...").
 #ifndef ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 #define ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 
@@ -11,14 +10,12 @@
 namespace zstest {
 
 // A folder of the running test's own under the build tree, emptied at its first
-// use in a process: what a run killed by its timeout left behind goes at the
-// next run, and nothing lands in the system's temporary folder.
+// use in a process: what a killed run left behind goes at the next run.
 const std::string& ScratchDir();
 
-// A child in a process group of its own, whose output goes to a file in its
-// folder Dir() (under ScratchDir()); the group is killed and the folder removed
-// when the object goes, and the child is killed by the kernel if the test dies
-// first.
+// A child in a process group of its own, its output in a file of its folder
+// Dir() (under ScratchDir()); group killed and folder removed when the object
+// goes, and the child killed by the kernel if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -38,15 +35,15 @@ class ChildProcess {
   static inline int s_made = 0;
 };
 
-// Outside a namespace: runs the current test again in a fresh process of this
-// binary, inside a network namespace with loopback up and a resolver that asks
-// 127.0.0.1, where InNamespace() is true; it passes or skips as that run does.
+// Runs the current test again in a fresh process, inside a network namespace
+// with loopback up and a resolver that asks 127.0.0.1, where InNamespace() is
+// true; it passes or skips as that run does.
 bool InNamespace();
 void RerunInNamespace(std::chrono::seconds timeout = std::chrono::seconds(60));
 
-// dnsmasq on 127.0.0.1 answering example.test with 10.1.2.3: empty once it
-// listens on `*port` (any free port if 0, written back), else why not.
-std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
+// dnsmasq on 127.0.0.1:53 in the namespace, answering example.test with
+// 10.1.2.3 and dns.test with 127.0.0.1: empty once it listens, else why not.
+std::string StartDnsmasq(ChildProcess& child);
 
 }  // namespace zstest
 
