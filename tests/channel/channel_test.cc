@@ -2,9 +2,6 @@
 // to end: dnsmasq by name in a network namespace of the test's own.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <map>
-#include <set>
 #include <stdexcept>
 #include <tuple>
 
@@ -31,7 +28,7 @@ RefPtr<IChannelSendOption> Schedule(const std::vector<int>& intervals) {
 
 // Defaults append, counts below 1 are clamped (a copy of 0 too), intervals are
 // as given; out-of-range indexes throw; copies are objects of their own.
-TEST(ChannelOptionTest, SchedulesAndConnectOptions) {
+TEST(ChannelOptionTest, Schedules) {
   using O = ChannelSendOption;
   const struct { const char* name; std::function<void(O&)> op; int perSend; std::vector<int> intervals; } rows[] = {
       {"empty", [](O&) {}, 0, {}},
@@ -62,18 +59,11 @@ TEST(ChannelOptionTest, SchedulesAndConnectOptions) {
   static_cast<IChannelSendOption*>(c)->CopyTo(c);  // onto itself, or nowhere: nothing changes
   static_cast<IChannelSendOption*>(c)->CopyTo(nullptr);
   EXPECT_EQ(std::make_tuple(a.GetSendCount(), b.GetSendCount(), c.GetSendCount()), std::make_tuple(1, 2, 1));
-  ChannelConnectOption connect, copy;  // every field is copied, the proxy as a block
-  connect.bindPortMin = 7;
-  connect.option3 = 9;
-  std::strcpy(connect.proxy.host, "proxy.test");
-  copy = ChannelConnectOption(connect);
-  EXPECT_EQ(std::make_tuple(copy.bindPortMin, copy.option3, std::string(copy.proxy.host), copy.bindAddress.GetString()),
-            std::make_tuple(7, 9, "proxy.test", "0.0.0.0"));
 }
 
 // A scripted IUdp: it records what it is asked and reports only when the test
 // says so.  Every socket the channel makes (on the loop thread) is in `made`.
-struct SocketConfig { std::vector<int> openResults; int startRecvResult = 0; bool none = false; };
+struct Script { std::vector<int> openResults; int startRecvResult = 0; bool none = false; };
 class FakeUdp : public IUdp, public RefCountBase {
  public:
   struct Datagram { RefPtr<IConstBuffer> buffer; IPEndPoint dest; void* ctx; };
@@ -113,12 +103,12 @@ class FakeUdp : public IUdp, public RefCountBase {
     made.emplace_back().Attach(new FakeUdp());
     return out = made.back().Get(), true;
   }
-  static inline SocketConfig next;  // of the sockets to come
+  static inline Script next;  // of the sockets to come
   static inline std::vector<RefPtr<FakeUdp>> made;
 
   RefPtr<IUdpSink> sink, given;  // the sink now, and the first one given
   IMutableBuffer* recvBuffer = nullptr;
-  SocketConfig config = next;
+  Script config = next;
   std::vector<unsigned short> openPorts;
   std::vector<Datagram> sent;
   size_t reported = 0;
@@ -187,7 +177,7 @@ class Sender : public DataSender, public IDataSenderSink {
   std::vector<Timeout> timeouts;
 };
 
-TEST_F(ChannelTest, SenderDefaultTimelineItsLogLineAndTheOrderOfTimeouts) {
+TEST_F(ChannelTest, SenderDefaultTimelineItsLogLineAndTheFollowingPass) {
   std::unique_ptr<Sender> sender;
   OnLoop([&] {
     sender.reset(new Sender(&loop));
@@ -210,14 +200,6 @@ TEST_F(ChannelTest, SenderDefaultTimelineItsLogLineAndTheOrderOfTimeouts) {
     if (platform::LocalTime(created, &local)) std::strftime(date, sizeof date, "%Y/%m/%d %H:%M:%S", &local);
     EXPECT_EQ(log.Count("timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
                         "total-delay=15005, send-time=" + std::string(date) + ",0,3,8"), 1);
-    // Cookies are keyed as signed 32-bit values: past 2^31 they time out first.
-    sender->timeouts.clear();
-    for (unsigned c : {1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 0x7FFFFFFEu, 0x80000001u})
-      EXPECT_TRUE(sender->SendPacket(zstest::Buf("req"), Schedule({1000}), c, g_tick));
-    sender->ForceAllPacketsTimeout();
-    std::vector<unsigned> order;
-    for (const Timeout& t : sender->timeouts) order.push_back(std::get<0>(t));
-    EXPECT_EQ(order, (std::vector<unsigned>{0x80000000u, 0x80000001u, 0xFFFFFFFFu, 1u, 0x7FFFFFFEu, 0x7FFFFFFFu}));
   });
   zstest::Drain(loop);
   OnLoop([&] {  // two packets due at once: a pass ends one, and the pass it posts at once the other
@@ -262,23 +244,17 @@ TEST_F(ChannelTest, RefusalsAndPacketsThatWaitForConnect) {
 }
 
 TEST_F(ChannelTest, SocketFailuresReachOnConnect) {
-  const struct {
-    unsigned short min, max;
-    std::vector<int> openResults;
-    int startRecvResult;
-    bool noSocket;
-    int status;
-    std::vector<unsigned short> tried;
-  } cases[] = {
-      {5000, 5002, {-98, -98, -98, 0}, 0, false, -98, {5000, 5001, 5002}},  // every port of the range, in order
-      {5000, 5002, {-98, 0}, 0, false, 0, {5000, 5001}},
-      {5000, 10, {-98, 0}, 0, false, -98, {5000}},  // max below min: min alone
-      {0, 0, {}, -9, false, -9, {0}},               // the receive could not be armed
-      {0, 0, {}, 0, true, -1, {}},                  // no socket could be made
+  // Bind ports, what the sockets answer, then the status and the ports tried.
+  const struct { unsigned short min, max; Script socket; int status; std::vector<unsigned short> tried; } cases[] = {
+      {5000, 5002, {{-98, -98, -98, 0}}, -98, {5000, 5001, 5002}},  // every port of the range, in order
+      {5000, 5002, {{-98, 0}}, 0, {5000, 5001}},
+      {5000, 10, {{-98, 0}}, -98, {5000}},  // max below min: min alone
+      {0, 0, {{}, -9}, -9, {0}},            // the receive could not be armed
+      {0, 0, {{}, 0, true}, -1, {}},        // no socket could be made
   };
   for (size_t i = 0; i < std::size(cases); ++i) {
     OnLoop([&] { FakeUdp::made.clear(); });
-    FakeUdp::next = {cases[i].openResults, cases[i].startRecvResult, cases[i].noSocket};
+    FakeUdp::next = cases[i].socket;
     ChannelConnectOption option;
     option.bindPortMin = cases[i].min;
     option.bindPortMax = cases[i].max;
@@ -305,16 +281,16 @@ TEST_F(ChannelTest, ChangeDestMovesOnlyNewPackets) {
   ASSERT_TRUE(zstest::WaitUntil([&] { return SentBy(0) == 3; }));
   OnLoop([&] {
     std::vector<std::string> sent;
-    for (const auto& d : FakeUdp::made[0]->sent) sent.push_back(d.dest.GetAddress().GetString() + ":" + std::to_string(d.dest.GetPort()));
+    for (const auto& d : FakeUdp::made[0]->sent) sent.push_back(zstest::Text(d.dest));
     EXPECT_EQ(sent, (std::vector<std::string>{"127.0.0.1:9000", "127.0.0.2:9001", "127.0.0.1:9000"}));
   });
   EXPECT_EQ(channel->GetDestAddr(dest), 0);
-  EXPECT_EQ(dest.GetAddress().GetString() + ":" + std::to_string(dest.GetPort()), "127.0.0.1:9000");
+  EXPECT_EQ(zstest::Text(dest), "127.0.0.1:9000");
 }
 
 // Released on another thread with a resolution in flight, after its loop has
-// stopped, or connected: the answer, or a late report of its socket, finds
-// nobody, and the pending packet and the sink are let go.
+// stopped, or connected: its socket is closed, the answer or a late report of
+// the socket finds nobody, and the pending packet and the sink are let go.
 TEST_F(ChannelTest, ReleasedResolvingStoppedOrConnected) {
   RefPtr<IMutableBuffer> data = zstest::Buf("req");
   for (const char* how : {"resolving", "stopped", "connected"}) {
@@ -331,6 +307,7 @@ TEST_F(ChannelTest, ReleasedResolvingStoppedOrConnected) {
     ASSERT_EQ(std::make_pair(stopped, started), std::make_pair(0, 0));
     OnLoop([&] {
       resolver.FailHeld();
+      for (auto& socket : FakeUdp::made) EXPECT_FALSE(socket->IsOpen()) << how;
       for (auto& socket : FakeUdp::made) socket->given->OnSend(0, data, IPEndPoint("127.0.0.1", 9000), nullptr);
       for (auto& socket : FakeUdp::made) socket->given->OnRecv(0, data, IPEndPoint("127.0.0.1", 9000), nullptr);
       FakeUdp::made.clear();
@@ -415,13 +392,12 @@ TEST(UdpChannelNetnsTest, ConnectsByNameAndAsksDnsmasq) {
   ASSERT_TRUE(sink->Wait("connect", 1, std::chrono::seconds(20)));
   IPEndPoint dest;
   channel->GetDestAddr(dest);
-  EXPECT_EQ(dest.GetAddress().GetString() + ":" + std::to_string(dest.GetPort()), "127.0.0.1:53");
+  EXPECT_EQ(zstest::Text(dest), "127.0.0.1:53");
   // Id 0x1234, one question: the A record (type 1, class IN) of example.test.
   const std::string query("\x12\x34\1\0\0\1\0\0\0\0\0\0\7example\4test\0\0\1\0\1", 30);
   zstest::OnLoop(*IOLoop::DefaultLoop(), [&] { EXPECT_EQ(channel->Send(zstest::Buf(query), nullptr, cookie), 0); });
   ASSERT_TRUE(sink->Wait("recv", 1));
   std::string answer = sink->Of("recv")[0].data;
-  EXPECT_EQ(answer.substr(0, 2), "\x12\x34");
   EXPECT_EQ(answer.substr(answer.size() - 4), std::string("\x0a\x01\x02\x03", 4));  // the A record: 10.1.2.3
   EXPECT_EQ(sends, 1);  // cancelled while pending
   ASSERT_EQ(channel->Connect("nothing.invalid", 53, nullptr), 0);

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -58,7 +57,7 @@ struct FakePlatform : INonLspPlatform {
     for (const ProtocolInfoW& w : catalogue) {
       ProtocolInfoA& a = *buffer++;
       std::memcpy(&a, &w, offsetof(ProtocolInfoA, szProtocol));
-      std::snprintf(a.szProtocol, sizeof a.szProtocol, "%ls", w.szProtocol);
+      for (int i = 0; i < 256; ++i) a.szProtocol[i] = static_cast<char>(w.szProtocol[i]);  // the names are ASCII
     }
     return static_cast<int>(catalogue.size());
   }
@@ -73,7 +72,8 @@ struct FakePlatform : INonLspPlatform {
   }
   void Log(const char* what, int af, int type, int protocol, const std::string& tail) {
     std::lock_guard<std::mutex> lock(mutex);
-    creations.push_back(what + (" " + std::to_string(af)) + " " + std::to_string(type) + " " + std::to_string(protocol) + tail);
+    std::string args = std::to_string(af) + " " + std::to_string(type) + " " + std::to_string(protocol);
+    creations.push_back(what + (" " + args) + tail);
   }
   int WSAGetLastError() override { return lastError; }
   int StringFromGUID2(const ProviderGuid& guid, wchar_t* text, int length) override {
@@ -114,26 +114,22 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
 // lookup's outcome, found or not, is kept: a second socket walks nothing, and a
 // failed lookup logs the catalogue once.
 TEST(NonLspSocketTest, FallbackChainAndTheKeptOutcomeOfTheLookup) {
-  struct Case {
-    bool refuseWSASocket;
-    int refuseProtocol, af;
-    SocketHandle result;
-    std::vector<std::string> creations;  // of one socket
-  } const cases[] = {
+  const struct { bool refuseWSASocket; int refuseProtocol, af; SocketHandle made; std::vector<std::string> creations; }
+      cases[] = {  // the creations of one socket
       {false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
       {true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
       {true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
       {true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     zstest::LogRecorder log;
     FakePlatform fake;
     fake.catalogue = {Entry(*BaseProviderId(AF_INET), 9, AF_INET)};
     fake.refuseWSASocket = c.refuseWSASocket;
     fake.refuseProtocol = c.refuseProtocol;
     NonLspSocketFactory factory(fake);
-    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
-    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.result) << c.creations.back();
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.made) << c.creations.back();
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.made) << c.creations.back();
     std::vector<std::string> twice(c.creations);
     twice.insert(twice.end(), c.creations.begin(), c.creations.end());
     EXPECT_EQ(fake.creations, twice);

@@ -30,7 +30,7 @@ struct Event {
   std::string data;  // bytes sent or received; the host of a resolution
   IPEndPoint address;
   void* ctx;
-  bool onLoop = false;
+  bool onLoop = false;  // recorded on a loop thread
 };
 
 // Each callback runs the hook first, so that who waits for an event sees its effect.
@@ -74,8 +74,7 @@ class Recorder : public zelsocket::RefCountBase,
   bool Wait(const std::string& kind, size_t n, std::chrono::milliseconds t = std::chrono::milliseconds(5000)) const {
     return WaitUntil([&] { return Count(kind) >= n; }, t);
   }
-  // "kind:status" of every event, for comparing whole sequences.
-  std::vector<std::string> Kinds() const {
+  std::vector<std::string> Kinds() const {  // "kind:status" of every event, to compare whole sequences
     std::vector<std::string> out;
     for (const Event& e : Events()) out.push_back(e.kind + ":" + std::to_string(e.status));
     return out;
@@ -111,6 +110,7 @@ inline zelsocket::RefPtr<IMutableBuffer> Buf(const std::string& data = std::stri
 }
 
 inline void* Ctx(long n) { return reinterpret_cast<void*>(n); }
+inline std::string Text(const IPEndPoint& e) { return e.GetAddress().GetString() + ":" + std::to_string(e.GetPort()); }
 // How many references `object` has.
 inline int CountOf(zelsocket::IRefCount* object) { return object->AddRef(), object->Release(); }
 

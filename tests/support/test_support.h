@@ -63,10 +63,7 @@ class Trace {
   std::vector<Event> m_events;
 };
 
-struct LogLine {
-  zelsocket::LOG_LEVEL level;
-  std::string tag, message;
-};
+struct LogLine { zelsocket::LOG_LEVEL level; std::string tag, message; };
 
 // Records every line the library logs while it is alive.
 class LogRecorder {
@@ -79,7 +76,6 @@ class LogRecorder {
   }
   ~LogRecorder() { zelsocket::SetLogCallback(nullptr); }
   std::vector<LogLine> Lines() const { return s_lines.Events(); }
-  void Clear() { s_lines.Clear(); }
   int Count(const std::string& m) const { return CountPrefix(m, true); }
   int CountPrefix(const std::string& p, bool whole = false) const {
     auto lines = Lines();
