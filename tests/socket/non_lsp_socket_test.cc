@@ -33,7 +33,7 @@ struct FakePlatform : INonLspPlatform {
   std::vector<ProtocolInfoW> catalogue;
   std::vector<EnumLength> demands, offered;
   std::atomic<int> walks{0};
-  bool refuseWSASocket = false;
+  bool refuseWSASocket = false, listingStuck = false;
   int refuseProtocol = -1;  // of plain sockets; -2: every one
   std::mutex mutex;
   std::vector<std::string> creations;
@@ -52,6 +52,7 @@ struct FakePlatform : INonLspPlatform {
   // The listing: the same entries, narrow.
   int WSAEnumProtocolsA(int*, ProtocolInfoA* buffer, EnumLength* length) override {
     std::lock_guard<std::mutex> lock(mutex);
+    if (listingStuck) return (lastError = kEnumNoBuffers, -1);  // asks for no more than it was given
     EnumLength needed = static_cast<EnumLength>(catalogue.size() * sizeof(ProtocolInfoA));
     if (*length < needed) return (*length = needed, lastError = kEnumNoBuffers, -1);
     for (const ProtocolInfoW& w : catalogue) {
@@ -107,6 +108,9 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
   EXPECT_EQ(mine, other);
   ASSERT_NE(mine, nullptr);
   EXPECT_EQ(mine->dwCatalogEntryId, 1004u);  // the IPv4 base id does not count for IPv6
+  fake.listingStuck = true;  // a walk that cannot get on has failed, and the listing says so
+  EXPECT_EQ(fresh.LogWSAProtocols(), "");
+  EXPECT_EQ(log.Count("LogWSAProtocols, WSAEnumProtocolsA fail, ret=-1, err=10055"), 1);
 }
 
 // Without a base entry the provider socket is made with no record; when that
