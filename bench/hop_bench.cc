@@ -841,7 +841,7 @@ class OursTimers {
       for (Timer* t : m_timers.All()) t->SetTimeout(delayMs, 0, [this] { ++m_fired; });
       // Armings on the loop thread get their due times when the running phase
       // of the loop ends; that pass is part of their cost.
-      m_impl->StampTimers();
+      m_impl->Timers().Settle();
       elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     });
     return elapsed;

@@ -30,6 +30,7 @@ struct Options {
   unsigned short port = 0;
   int count = 20;
   std::vector<int> schedule;  // empty: the library's default
+  bool adaptive = false;
   int dropPercent = 30;
   int idBytes = 4;
   std::vector<unsigned char> payload;
@@ -53,6 +54,9 @@ void Usage(FILE* out) {
                "                         800 ms after its last transmission\n"
                "                         (default: the library's UDP default, 3000,5000,7000)\n"
                "      --short            same as --schedule 100,200,400\n"
+               "      --adaptive         a schedule that learns the round trip from the answers\n"
+               "                         (CreateAdaptiveSendOption with its defaults: 1 s until the\n"
+               "                         first answer, up to 10 transmissions within 15 s)\n"
                "  -d, --drop PERCENT     share of received requests the built-in responder drops\n"
                "                         (default 30; ignored with HOST PORT)\n"
                "  -x, --payload-hex HEX  request bytes, as hex (e.g. a DNS query); the first id bytes\n"
@@ -122,6 +126,8 @@ int ParseArgs(int argc, char** argv, Options& o) {
       if (!ParseSchedule(v, o.schedule)) return std::fprintf(stderr, "udp_request: bad schedule\n"), 1;
     } else if (a == "--short") {
       o.schedule = {100, 200, 400};
+    } else if (a == "--adaptive") {
+      o.adaptive = true;
     } else if (a == "-d" || a == "--drop") {
       if (!(v = value("--drop"))) return 1;
       o.dropPercent = std::atoi(v);
@@ -385,8 +391,11 @@ int main(int argc, char** argv) {
   channel->SetSink(client);
 
   RefPtr<IChannelSendOption> schedule;  // null: the channel's default
-  std::string scheduleText = "3000,5000,7000 (default)";
-  if (!o.schedule.empty()) {
+  std::string scheduleText = "3000,5000,7000 ms (default)";
+  if (o.adaptive) {
+    CreateAdaptiveSendOption(schedule);
+    scheduleText = "adaptive";
+  } else if (!o.schedule.empty()) {
     CreateChannelSendOption(schedule);
     schedule->SetPacketPerSend(1);
     scheduleText.clear();
@@ -394,6 +403,7 @@ int main(int argc, char** argv) {
       schedule->AddSendInterval(ms);
       scheduleText += (scheduleText.empty() ? "" : ",") + std::to_string(ms);
     }
+    scheduleText += " ms";
   }
 
   int rc = channel->Connect(o.host.c_str(), o.port, nullptr);
@@ -411,7 +421,7 @@ int main(int argc, char** argv) {
   }
   IPEndPoint dest;
   channel->GetDestAddr(dest);
-  std::printf("channel to %s:%u (%s), %d requests, schedule %s ms\n", o.host.c_str(), o.port,
+  std::printf("channel to %s:%u (%s), %d requests, schedule %s\n", o.host.c_str(), o.port,
               dest.GetAddress().GetString().c_str(), o.count, scheduleText.c_str());
 
   std::vector<unsigned char> base = o.payload;
@@ -458,6 +468,17 @@ int main(int argc, char** argv) {
               answered, timedOut, requests.empty() ? 0.0 : static_cast<double>(transmissions) / requests.size(),
               Percentile(rtts, 0.50), Percentile(rtts, 0.99));
   if (client->Closed()) std::printf("the channel's socket failed and was closed\n");
+  ChannelStats stats;
+  if (channel->GetStats(stats) == 0) {
+    std::printf("channel: accepted %llu, transmissions %llu (retransmissions %llu), cancelled %llu, timed out %llu, "
+                "answer latency p50 %.1f ms, p99 %.1f ms\n",
+                stats.accepted, stats.transmissions, stats.retransmissions, stats.cancelled, stats.timedOut,
+                stats.latencyP50Ms, stats.latencyP99Ms);
+    if (stats.adaptive) {
+      std::printf("adaptive schedule: srtt %.3f ms, rttvar %.3f ms, rto %.3f ms\n", stats.srttMs, stats.rttvarMs,
+                  stats.rtoMs);
+    }
+  }
 
   channel->Close();
   channel = nullptr;

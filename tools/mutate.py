@@ -31,7 +31,7 @@ does not compile ("build-failed").
 
 A mutants file has one mutant per line, tab-separated:
 
-    id  path (from the repository root)  original-text  replacement  kind
+    id  path (from the repository root; older lists: under src/)  original-text  replacement  kind
 
 with "\\n" for a line break and an empty replacement for a deletion.
 
@@ -204,6 +204,8 @@ def build_and_test(tree, logdir, tag):
 def run_mutant(m, trees, logdirs):
     """Applies m, tries each tree until one kills it, always restores the file."""
     path = ROOT / m["path"]
+    if not path.is_file() and (ROOT / "src" / m["path"]).is_file():
+        path = ROOT / "src" / m["path"]  # an older list, with paths under src/
     if not path.is_file():
         return "gone", "", "file not found"
     original = path.read_bytes().decode()  # bytes: line endings stay as they are

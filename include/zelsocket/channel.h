@@ -46,6 +46,27 @@ class ZELSOCKET_API IChannelSink : public IRefCount {
   virtual void OnClose() = 0;
 };
 
+// What a channel has done since it was made (IChannel::GetStats).  Latencies
+// are in milliseconds, to within 3%.
+struct ChannelStats {
+  unsigned long long accepted = 0;         // packets that Send accepted
+  unsigned long long transmissions = 0;    // datagrams the socket took, first ones and repeats
+  unsigned long long retransmissions = 0;  // of those, the repeats
+  unsigned long long cancelled = 0;        // packets ended by CancelSend
+  unsigned long long timedOut = 0;         // packets ended with OnTimeout
+  unsigned long long pending = 0;          // packets not ended yet
+  // Time from Send to the CancelSend that ended a packet, over all of them.
+  double latencyP50Ms = 0;
+  double latencyP99Ms = 0;
+  // The learning schedule (CreateAdaptiveSendOption) that a packet of this
+  // channel used last, if any: its smoothed round trip, the round trip's
+  // variation, and the wait after each transmission now (AdaptiveSendStats).
+  bool adaptive = false;
+  double srttMs = 0;
+  double rttvarMs = 0;
+  double rtoMs = 0;
+};
+
 class ZELSOCKET_API IChannel : public IRefCount {
  public:
   IChannel();
@@ -84,6 +105,8 @@ class ZELSOCKET_API IChannel : public IRefCount {
   // Closes the socket and drops every packet, with no callback.  Blocks until
   // done.  The channel may be connected again.
   virtual void Close() = 0;
+  // Fills `stats`.  Blocks until done.  0, or -1 when the channel has no loop.
+  virtual int GetStats(ChannelStats& stats) = 0;
 };
 
 // Makes a channel on `loop` (null: IOLoop::GetLoop() of the calling thread).
@@ -111,6 +134,7 @@ class ZELSOCKET_API UdpChannel {
   void CancelAll();
   void ForceAllTimeout();
   void Close();
+  int GetStats(ChannelStats& stats);
 
  private:
   IChannel* _channel;

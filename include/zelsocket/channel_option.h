@@ -43,6 +43,72 @@ class ZELSOCKET_API IChannelSendOption : public IRefCount {
 ZELSOCKET_API bool CreateChannelSendOption(IChannelSendOption** out);
 ZELSOCKET_API bool CreateChannelSendOption(RefPtr<IChannelSendOption>& out);
 
+// How a learning schedule (CreateAdaptiveSendOption) starts and where it stops.
+// Times in milliseconds; a value out of range is raised or lowered to the
+// nearest sensible one (every time at least 1, the maximum at least the
+// minimum, at least one transmission).
+struct AdaptiveSendConfig {
+  // The wait after each transmission until the first answer has been timed.
+  int initialTimeoutMs = 1000;
+  // Bounds of the wait, whatever the estimate and the backoff say.
+  int minTimeoutMs = 1;
+  int maxTimeoutMs = 10000;
+  // Transmissions of one packet at most; GetSendCount() returns it.
+  int sendCount = 10;
+  // A packet times out this long after it was accepted at the latest, even if
+  // transmissions are left: the last wait is cut short to end there.
+  int deadlineMs = 15000;
+};
+
+// A send schedule that learns the round-trip time from the packets that use
+// it.  A packet that IChannel::CancelSend ends after exactly one transmission
+// gives a sample: the time from that transmission to the cancel.  A packet
+// transmitted more than once gives none, since its answer may belong to any of
+// its transmissions (Karn's rule).  From the samples it keeps the smoothed
+// round trip SRTT and its variation RTTVAR with the gains of RFC 6298 (1/8 and
+// 1/4), and waits RTO = SRTT + max(1 ms, 4 * RTTVAR) after every transmission,
+// the initial timeout before the first sample, within [min, max], rounded to
+// the nearest whole millisecond (the grain of the loop's timers).
+//
+// Backoff: the wait of one packet does not grow from one retransmission to the
+// next, so a link that merely loses packets keeps its short tail.  The wait of
+// all packets doubles when losses persist across packets: for every run of
+// unanswered first transmissions as long as the loss rate measured before the
+// run would produce less than once in a thousand runs (2 packets on a clean
+// link, 5 at 19% loss, 10 at 50%, at most 16), and for each packet that times
+// out.  The first timed answer after that returns to the plain RTO.
+//
+// Share one object among all packets to one peer: it learns across them, from
+// channels on any loops (its state has a lock of its own, under which no
+// application code runs).  An application that cancels each answered packet,
+// as every application of the channel does, needs no other call.  The sender
+// reads the wait afresh before every transmission, so a packet in flight
+// follows what its neighbours teach.
+//
+// Of IChannelSendOption: IsValid is true; GetSendCount is the configured
+// count; GetSendInterval(i) gives the current wait in whole milliseconds,
+// rounded up, for every i below the count (the sender itself uses
+// microseconds); Reset forgets what was learned; SetDefaultForUdp,
+// SetDefaultForTcp and AddSendInterval change nothing; CopyTo gives a target of
+// this kind the same configuration and learned state, and any other target a
+// plain schedule of the current waits.
+ZELSOCKET_API bool CreateAdaptiveSendOption(IChannelSendOption** out);
+ZELSOCKET_API bool CreateAdaptiveSendOption(RefPtr<IChannelSendOption>& out);
+ZELSOCKET_API bool CreateAdaptiveSendOption(const AdaptiveSendConfig& config, IChannelSendOption** out);
+ZELSOCKET_API bool CreateAdaptiveSendOption(const AdaptiveSendConfig& config, RefPtr<IChannelSendOption>& out);
+
+// What a learning schedule knows now, in milliseconds.
+struct AdaptiveSendStats {
+  double srttMs = 0;    // smoothed round trip; 0 before the first sample
+  double rttvarMs = 0;  // its variation; 0 before the first sample
+  double rtoMs = 0;     // the wait after each transmission now, backoff included
+  int backoff = 0;      // doublings in force
+  unsigned long long samples = 0;  // timed answers so far
+};
+
+// False (and `out` untouched) when `option` is not a learning schedule.
+ZELSOCKET_API bool GetAdaptiveSendStats(IChannelSendOption* option, AdaptiveSendStats& out);
+
 // Value wrapper owning one schedule object.
 class ZELSOCKET_API ChannelSendOption {
  public:

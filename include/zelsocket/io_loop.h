@@ -2,8 +2,13 @@
 //
 // Every socket, timer and channel belongs to one IOLoop and does all its work on
 // that loop's thread.  Code reaches the loop thread with AsyncCall (run soon, do
-// not wait), SyncCall (run and wait), DelayCall (run after a delay, on a 50 ms
-// grain) and QueueWork (run on libuv's pool, report on the loop thread).
+// not wait), SyncCall (run and wait), DelayCall (run after a delay) and
+// QueueWork (run on libuv's pool, report on the loop thread).
+//
+// Under load: each loop iteration serves at most about a millisecond of queued
+// calls (the ones queued when it began), then runs the timers that are due and
+// polls for I/O, so a flood of calls from any thread delays timers and sockets
+// by about that much, not by the flood.
 //
 // Broken pipes: on POSIX, a write to a TCP peer that has gone raises SIGPIPE,
 // whose default action ends the process.  The library changes no process-wide
@@ -66,7 +71,8 @@ class ZELSOCKET_API IOLoop {
   // Starts the thread and blocks until it runs.  0, or -1 when already started,
   // stopping, or the loop or thread could not be created.
   int Start();
-  // Blocks until the loop thread has ended, which it does at once; what is still
+  // Blocks until the loop thread has ended, which it does once the call running
+  // now (if any) returns: no queued call starts after Stop began.  What is still
   // queued is dropped without running (SyncCall callers waiting on it get -1),
   // and jobs whose OnWork is running are not waited for (see OnWorkDropped).
   // -1 when not running, already stopping, or called on the loop thread itself.
@@ -85,8 +91,9 @@ class ZELSOCKET_API IOLoop {
   // it runs inline, ahead of everything queued.
   int SyncCall(std::function<void()> fn);
   int SyncCall(IAsyncCallback* callback, void* data);
-  // Runs on the first 50 ms poll after `delayMs` has passed (0 or less: the next
-  // poll).  Calls with equal due times have no order among them.
+  // Runs once `delayMs` has passed, counted from the call (0 or less: in a later
+  // loop iteration, never inline), within about a millisecond when the loop is
+  // not busy.  Calls with equal due times have no order among them.
   int DelayCall(int delayMs, std::function<void()> fn);
   int DelayCall(int delayMs, IAsyncCallback* callback, void* data);
   // OnWork on libuv's pool, then OnAfterWork on the loop thread.  A negative

@@ -11,13 +11,15 @@ namespace zelsocket {
 class IOLoop;
 class TimerImpl;
 
-// A timer fires on the loop's 50 ms poll after its due time, the poll that
-// serves IOLoop::DelayCall; a repeating timer's next due time counts from the
-// firing, so it drifts.  The delay never counts from before the call: an
-// arming made on the loop thread counts it from the end of the callbacks that
-// the loop is running then (one clock read serves them all).  Arming allocates
-// nothing.  The function runs on the loop thread.  SetTimeout on an armed timer
-// replaces it.  The timer may be used and destroyed on any thread.
+// A timer fires once its delay has passed, within about a millisecond when the
+// loop is not busy, as IOLoop::DelayCall does; a repeating timer's next due
+// time counts from the firing, so it drifts.  The delay never counts from
+// before the call: an arming made on the loop thread counts it from the end of
+// the callbacks that the loop is running then (one clock read serves them
+// all).  Arming on the loop thread allocates nothing; from another thread it
+// allocates one small record.  The function runs on the loop thread, and is
+// never copied by the library.  SetTimeout on an armed timer replaces it.  The
+// timer may be used and destroyed on any thread.
 class ZELSOCKET_API Timer {
  public:
   explicit Timer(IOLoop* loop = nullptr);  // null: IOLoop::GetLoop()

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "channel/adaptive_send_option.h"
 #include "core/check.h"
 #include "core/logging.h"
 #include "core/platform.h"
@@ -16,15 +17,14 @@ namespace zelsocket {
 
 namespace {
 
-constexpr int kTickMs = 100;
-
 std::uint32_t Low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 
 }  // namespace
 
 DataSender::DataSender(IOLoop* loop, TickSource tick, WallClockSource wallClock)
     : m_loop(loop ? loop : IOLoop::GetLoop()),
-      m_tick(tick ? tick : &platform::TickMs),
+      m_tick(tick ? tick : &platform::TickUs),
+      m_tickUs(tick ? 1000 : 1),
       m_wallClock(wallClock ? wallClock : &platform::WallClockSeconds),
       m_timer(m_loop),
       m_async(m_loop) {}
@@ -51,10 +51,13 @@ bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, un
   packet->buffer = buffer;
   packet->dest = m_dest;
   packet->option = option;
-  packet->requestTick = requestTick;
+  packet->requestTick = requestTick * m_tickUs;
   packet->createTick = _Now();
   packet->createTime = m_wallClock();
+  packet->adaptive = AsAdaptive(option);
+  if (packet->adaptive && m_lastAdaptive.Get() != option) m_lastAdaptive = option;
   m_packets.emplace(_Key(cookie), packet);
+  ++m_stats.accepted;
   _SendOnce(packet);
   _StartTimer();
   return true;
@@ -62,21 +65,32 @@ bool DataSender::SendPacket(IConstBuffer* buffer, IChannelSendOption* option, un
 
 void DataSender::_SendOnce(Packet* packet) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
+  // Read before the hand-over, and the wait counts from here too: on loopback
+  // the answer can be back before the socket call returns.
+  const std::uint64_t now = _Now();
   if (!m_paused && m_dest.IsValid()) {
     if (!packet->dest.IsValid()) packet->dest = m_dest;
-    if (SendData(packet) == 0) ++packet->send;
+    const std::uint64_t offset = now - packet->createTick;
+    if (SendData(packet) == 0) {
+      ++m_stats.transmissions;
+      if (packet->send++ > 0) ++m_stats.retransmissions;
+      packet->sentOffsetUs = offset < UINT32_MAX ? static_cast<std::uint32_t>(offset) : UINT32_MAX;
+    }
   }
   packet->sendTimes.push_back(m_wallClock());
-  _Schedule(packet);
+  _Schedule(packet, now);
 }
 
-void DataSender::_Schedule(Packet* packet) {
+void DataSender::_Schedule(Packet* packet, std::uint64_t now) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  std::uint64_t now = _Now();
   // A schedule shortened under the packet: let the next pass end it.
   std::uint64_t due = now;
-  if (packet->retry < packet->option->GetSendCount()) {
-    due = now + static_cast<std::int64_t>(packet->option->GetSendInterval(packet->retry));
+  if (packet->adaptive) {
+    // Read afresh: what other packets taught since the last transmission counts.
+    due = std::min(now + packet->adaptive->IntervalUs(), packet->createTick + packet->adaptive->DeadlineUs());
+  } else if (packet->retry < packet->option->GetSendCount()) {
+    due = now + static_cast<std::uint64_t>(static_cast<std::int64_t>(packet->option->GetSendInterval(packet->retry)) *
+                                           static_cast<std::int64_t>(1000));
   }
   packet->entry = ++m_nextSerial;
   m_schedule.push_back(ScheduleEntry{packet->cookie, packet->entry, due});
@@ -85,8 +99,27 @@ void DataSender::_Schedule(Packet* packet) {
 
 void DataSender::_StartTimer() {
   ZS_ASSERT_LOOP_THREAD(m_loop);
-  if (m_schedule.empty() || m_timer.IsRunning()) return;
-  m_timer.SetTimeout(kTickMs, 0, [this] { _OnTimer(); });
+  // Stale entries on top would wake the loop for nothing: they go now, as a
+  // pass would drop them.  Those due after the armed time can wait for it.
+  while (!m_schedule.empty() && m_schedule.front().due < m_armedDue && !_Live(m_schedule.front())) {
+    std::pop_heap(m_schedule.begin(), m_schedule.end(), LaterDue());
+    m_schedule.pop_back();
+  }
+  if (m_schedule.empty() || m_schedule.front().due >= m_armedDue) return;
+  m_armedDue = m_schedule.front().due;
+  const std::uint64_t now = _Now();
+  // Whole milliseconds, rounded up: the timer never fires before the due time.
+  const std::uint64_t waitMs = m_armedDue > now ? (m_armedDue - now + 999) / 1000 : 0;
+  // A refused arming (a stopping loop) is not tried again, as no pass will come.
+  m_timer.SetTimeout(static_cast<int>(std::min<std::uint64_t>(waitMs, INT32_MAX)), 0, [this] {
+    m_armedDue = UINT64_MAX;
+    _OnTimer();
+  });
+}
+
+bool DataSender::_RunOut(const Packet* packet, std::uint64_t now) const {
+  if (packet->retry >= packet->option->GetSendCount()) return true;
+  return packet->adaptive && now - packet->createTick >= packet->adaptive->DeadlineUs();
 }
 
 void DataSender::_OnTimer() {
@@ -112,8 +145,10 @@ bool DataSender::_CheckSchedule(Packet** expired) {
     m_schedule.pop_back();
     Packet* packet = _Live(entry);
     if (!packet) continue;  // stale: its packet ended since it was scheduled
-    ++packet->retry;
-    if (packet->retry >= packet->option->GetSendCount()) {
+    // The first wait of a packet that left has run out unanswered.
+    if (++packet->retry == 1 && packet->adaptive && packet->send > 0) packet->adaptive->OnFirstLoss();
+    if (_RunOut(packet, now)) {
+      if (packet->adaptive && packet->send > 0) packet->adaptive->OnTimedOut();
       m_packets.erase(_Key(entry.cookie));
       *expired = packet;
       return !m_schedule.empty();
@@ -131,6 +166,7 @@ Packet* DataSender::_Live(const ScheduleEntry& entry) {
 void DataSender::_OnPacketTimeout(Packet* packet) {
   ZS_ASSERT_LOOP_THREAD(m_loop);
   _LogPacket(false, "timeout", packet);
+  ++m_stats.timedOut;
   if (m_sink) m_sink->OnPacketTimeout(packet->cookie, packet->retry, packet->send);
 }
 
@@ -145,6 +181,13 @@ bool DataSender::CancelPacket(unsigned int cookie, int* send, int* retry) {
   }
   std::unique_ptr<Packet> packet(it->second);
   m_packets.erase(it);
+  const std::uint64_t now = _Now();
+  ++m_stats.cancelled;
+  m_stats.answered.Record(now - std::min(now, packet->requestTick));
+  // Karn's rule: only an answer to the one transmission times the round trip.
+  if (packet->adaptive && packet->send == 1 && packet->sentOffsetUs != UINT32_MAX) {
+    packet->adaptive->OnAnswered(now - std::min(now, packet->createTick + packet->sentOffsetUs));
+  }
   _LogPacket(true, "recv", packet.get());
   *send = packet->send;
   *retry = packet->retry;
@@ -244,9 +287,9 @@ void DataSender::_LogPacket(bool info, const char* stage, Packet* packet) {
     if (n < 0) break;
     used += n;
   }
-  std::uint32_t now = Low32(_Now());
-  std::uint32_t created = Low32(packet->createTick);
-  std::uint32_t requested = Low32(packet->requestTick);
+  std::uint32_t now = Low32(_Now() / 1000);
+  std::uint32_t created = Low32(packet->createTick / 1000);
+  std::uint32_t requested = Low32(packet->requestTick / 1000);
   const char* format =
       "%s, cookie=%u, retry=%u, send=%u, send-count=%u, send-delay=%u, recv-delay=%u, total-delay=%u, "
       "send-time=%s";

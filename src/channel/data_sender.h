@@ -2,9 +2,15 @@
 //
 // Holds every accepted packet, transmits it at once and again each time the
 // current interval of its schedule has passed, and tells its owner when the
-// schedule has run out.  One one-shot 100 ms Timer serves all packets and runs
-// only while something is scheduled.  Cancelling by cookie costs a map lookup:
-// the packet's heap entry stays behind and is dropped when it reaches the top.
+// schedule has run out.  One one-shot Timer serves all packets: it is armed for
+// the earliest live entry of the schedule (again when an earlier one appears),
+// and runs only while something is scheduled.  Cancelling by cookie costs a map
+// lookup: the packet's heap entry stays behind and is dropped when it reaches
+// the top, or when the timer is armed and finds it there.
+//
+// The clock counts microseconds: a round trip on a LAN is a fraction of a
+// millisecond, and a learning schedule's samples and waits (and the channel's
+// answer latencies) would be mostly rounding in whole milliseconds.
 //
 // Everything runs on the thread of the loop given to the constructor; the timer
 // and the posted pass are bound to that loop, so a sender made on any thread
@@ -22,6 +28,7 @@
 #include <map>
 #include <vector>
 
+#include "channel/latency_histogram.h"
 #include "zelsocket/async.h"
 #include "zelsocket/buffer.h"
 #include "zelsocket/channel_option.h"
@@ -31,9 +38,14 @@
 namespace zelsocket {
 
 class IOLoop;
+class AdaptiveSendOptionImpl;
 
+// Times are on the sender's clock (microseconds).
 struct Packet {
   std::uint32_t cookie = 0;
+  // When its latest transmission left, after createTick; UINT32_MAX when none
+  // has, or too late to tell (71 minutes).
+  std::uint32_t sentOffsetUs = UINT32_MAX;
   RefPtr<IConstBuffer> buffer;
   IPEndPoint dest;
   int retry = 0;  // intervals run out so far; index of the running interval
@@ -44,6 +56,17 @@ struct Packet {
   std::int64_t createTime = 0;
   std::vector<std::int64_t> sendTimes;  // wall clock of each pass, oldest first
   std::uint64_t entry = 0;              // serial of its one live heap entry
+  AdaptiveSendOptionImpl* adaptive = nullptr;  // `option`, when it learns
+};
+
+// What a sender has done since it was made.
+struct SenderStats {
+  std::uint64_t accepted = 0;
+  std::uint64_t transmissions = 0;
+  std::uint64_t retransmissions = 0;  // transmissions after a packet's first
+  std::uint64_t cancelled = 0;        // by CancelPacket
+  std::uint64_t timedOut = 0;         // schedule run out, or forced
+  LatencyHistogram answered;          // requestTick to CancelPacket
 };
 
 class IDataSenderSink {
@@ -59,7 +82,9 @@ class DataSender {
   using WallClockSource = std::int64_t (*)();
 
   // `tick` and `wallClock` replace the system clocks (tests drive the sender
-  // with a fake clock); null keeps the system's.
+  // with a fake clock, in whole milliseconds as they write their timelines);
+  // null keeps the system's, in microseconds.  SendPacket's `requestTick` is
+  // in the unit of the clock in use.
   explicit DataSender(IOLoop* loop, TickSource tick = nullptr, WallClockSource wallClock = nullptr);
   virtual ~DataSender();
   DataSender(const DataSender&) = delete;
@@ -81,9 +106,15 @@ class DataSender {
   IPEndPoint m_dest;
   IDataSenderSink* m_sink = nullptr;
 
+  const SenderStats& Stats() const { return m_stats; }
+  // The learning schedule that a packet used last, for the channel's statistics.
+  IChannelSendOption* LastAdaptive() const { return m_lastAdaptive.Get(); }
+
   size_t PacketCount() const { return m_packets.size(); }
   size_t ScheduleSize() const { return m_schedule.size(); }
   bool IsTimerRunning() const { return m_timer.IsRunning(); }
+  // Where the timer is armed for, on the sender's clock; UINT64_MAX when it is not.
+  std::uint64_t ArmedDueForTesting() const { return m_armedDue; }
   // One pass, as the timer runs it; for tests that drive the clock themselves.
   void RunPassForTesting() { _OnTimer(); }
 
@@ -100,7 +131,7 @@ class DataSender {
   };
 
   void _SendOnce(Packet* packet);
-  void _Schedule(Packet* packet);
+  void _Schedule(Packet* packet, std::uint64_t now);
   void _StartTimer();
   void _OnTimer();
   bool _CheckSchedule(Packet** expired);
@@ -108,10 +139,13 @@ class DataSender {
   void _CancelForceAll();
   void _CancelAll();
   void _LogPacket(bool info, const char* stage, Packet* packet);
-  std::uint64_t _Now() const { return m_tick(); }
+  std::uint64_t _Now() const { return m_tick() * m_tickUs; }
+  // Ends `packet` by the schedule when it is due to: count or deadline reached.
+  bool _RunOut(const Packet* packet, std::uint64_t now) const;
 
   IOLoop* m_loop;
   TickSource m_tick;
+  std::uint64_t m_tickUs;  // microseconds per tick of m_tick
   WallClockSource m_wallClock;
   // Keyed by the cookie read as signed, so that cookies past 2^31 come first in
   // key order (forced timeouts report in that order).
@@ -124,6 +158,7 @@ class DataSender {
   // The packet that `entry` schedules, or null when the entry is stale.
   Packet* _Live(const ScheduleEntry& entry);
   Timer m_timer;
+  std::uint64_t m_armedDue = UINT64_MAX;  // what m_timer is armed for
   Async m_async;
   PacketMap m_timeoutPackets;
   // The local time of the last creation second that was logged, as text: every
@@ -131,6 +166,8 @@ class DataSender {
   std::int64_t m_dateSecond = -1;
   char m_dateText[80] = {};  // room for any six ints
   int m_dateLength = 0;
+  SenderStats m_stats;
+  RefPtr<IChannelSendOption> m_lastAdaptive;
 };
 
 }  // namespace zelsocket

@@ -1,5 +1,7 @@
 #include "channel/udp_channel_impl.h"
 
+#include "channel/adaptive_send_option.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <utility>
@@ -204,7 +206,7 @@ int UdpChannelImpl::Send(IConstBuffer* buffer, IChannelSendOption* option, unsig
   }
   if (!m_loop) return -1;
   cookie = m_cookieMgr.GetCookie();
-  unsigned long long tick = platform::TickMs();
+  unsigned long long tick = platform::TickUs();
   if (m_loop->IsLoopThread()) return _SendData(buffer, option, cookie, tick);
   RefPtr<UdpChannelImpl> self(this);
   RefPtr<IConstBuffer> bufferRef(buffer);
@@ -295,6 +297,31 @@ void UdpChannelImpl::_Close() {
   ZS_ASSERT_LOOP_THREAD(m_loop);
   LogInfo(tag::kUdpChannel, "UdpChannelImpl::_Close");
   _CloseSocket(false, false);
+}
+
+int UdpChannelImpl::GetStats(ChannelStats& stats) {
+  ChannelStats result;
+  if (!RunOnLoop(m_loop, [this, &result] { _GetStats(result); })) return -1;
+  stats = result;
+  return 0;
+}
+
+void UdpChannelImpl::_GetStats(ChannelStats& stats) {
+  ZS_ASSERT_LOOP_THREAD(m_loop);
+  const SenderStats& s = m_sender->Stats();
+  stats.accepted = s.accepted;
+  stats.transmissions = s.transmissions;
+  stats.retransmissions = s.retransmissions;
+  stats.cancelled = s.cancelled;
+  stats.timedOut = s.timedOut;
+  stats.pending = m_sender->PacketCount();
+  stats.latencyP50Ms = s.answered.Percentile(0.50) / 1000;
+  stats.latencyP99Ms = s.answered.Percentile(0.99) / 1000;
+  AdaptiveSendStats adaptive;
+  stats.adaptive = GetAdaptiveSendStats(m_sender->LastAdaptive(), adaptive);
+  stats.srttMs = adaptive.srttMs;
+  stats.rttvarMs = adaptive.rttvarMs;
+  stats.rtoMs = adaptive.rtoMs;
 }
 
 void UdpChannelImpl::_CloseSocket(bool forceAllTimeout, bool notifyOnClose) {
@@ -390,5 +417,6 @@ void UdpChannel::CancelSend(unsigned int cookie, int* retry, int* send) { _chann
 void UdpChannel::CancelAll() { _channel->CancelAll(); }
 void UdpChannel::ForceAllTimeout() { _channel->ForceAllTimeout(); }
 void UdpChannel::Close() { _channel->Close(); }
+int UdpChannel::GetStats(ChannelStats& stats) { return _channel->GetStats(stats); }
 
 }  // namespace zelsocket

@@ -44,6 +44,7 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   void CancelAll() override;
   void ForceAllTimeout() override;
   void Close() override;
+  int GetStats(ChannelStats& stats) override;
 
   void OnPacketTimeout(unsigned int cookie, int retry, int send) override;
 
@@ -69,6 +70,7 @@ class UdpChannelImpl : public IChannel, public RefCountBase, public IDataSenderS
   void _CancelAll();
   void _ForceAllTimeout();
   void _Close();
+  void _GetStats(ChannelStats& stats);
   void _CloseSocket(bool forceAllTimeout, bool notifyOnClose);
   void _CloseSocketUnchecked(bool forceAllTimeout, bool notifyOnClose);
   void _OnSend(int status, IConstBuffer* buffer, const IPEndPoint& dest, void* ctx);

@@ -11,4 +11,10 @@ void DcheckFailed(const char* condition, const char* file, int line) {
   std::abort();
 }
 
+#if ZS_CHECKED_BUILD
+namespace seam {
+std::atomic<void (*)()> g_beforeCallWake{nullptr};
+}  // namespace seam
+#endif
+
 }  // namespace zelsocket

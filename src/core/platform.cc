@@ -16,14 +16,22 @@
 namespace zelsocket {
 namespace platform {
 
-std::uint64_t TickMs() {
+std::uint64_t TickUs() {
 #ifdef _WIN32
-  return GetTickCount64();
+  static const std::uint64_t frequency = [] {
+    LARGE_INTEGER f;
+    QueryPerformanceFrequency(&f);
+    return static_cast<std::uint64_t>(f.QuadPart);
+  }();
+  LARGE_INTEGER now;
+  QueryPerformanceCounter(&now);
+  auto ticks = static_cast<std::uint64_t>(now.QuadPart);
+  // Split, so that the product cannot overflow.
+  return ticks / frequency * 1000000u + ticks % frequency * 1000000u / frequency;
 #else
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000u +
-         static_cast<std::uint64_t>(ts.tv_nsec) / 1000000u;
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000u + static_cast<std::uint64_t>(ts.tv_nsec) / 1000u;
 #endif
 }
 

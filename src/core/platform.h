@@ -11,9 +11,13 @@
 namespace zelsocket {
 namespace platform {
 
-// Milliseconds on a monotonic clock that does not wrap.  Schedules, delays and
-// the log's delay fields use it.
-std::uint64_t TickMs();
+// Microseconds on a monotonic clock that does not wrap: the due times of
+// delayed calls and timers.  A fine clock on every platform (the system's tick
+// count on Windows moves in steps of 10-16 ms, too coarse for timers that fire
+// within a millisecond of their due time).
+std::uint64_t TickUs();
+// The same clock in milliseconds: schedules and the log's delay fields.
+inline std::uint64_t TickMs() { return TickUs() / 1000u; }
 
 // Wall clock in whole seconds since the epoch (cache ages, log time stamps).
 std::int64_t WallClockSeconds();

@@ -32,6 +32,7 @@ class PodVector {
   }
 
   std::size_t size() const { return m_size; }
+  std::size_t capacity() const { return m_capacity; }
   T* begin() { return m_data; }
   T* end() { return m_data + m_size; }
   T& operator[](std::size_t i) { return m_data[i]; }
@@ -39,14 +40,19 @@ class PodVector {
   T& back() { return m_data[m_size - 1]; }
 
   void push_back(const T& value) {
-    if (m_size == m_capacity) _Grow();
+    if (m_size == m_capacity) _Grow(m_size + 1);
     m_data[m_size++] = value;
   }
   void pop_back() { --m_size; }
+  void clear() { m_size = 0; }
+  void reserve(std::size_t capacity) {
+    if (capacity > m_capacity) _Grow(capacity);
+  }
 
  private:
-  void _Grow() {
+  void _Grow(std::size_t atLeast) {
     std::size_t capacity = m_capacity ? 2 * m_capacity : 64;
+    if (capacity < atLeast) capacity = atLeast;
     void* data = std::realloc(m_data, capacity * sizeof(T));
     if (!data) throw std::bad_alloc();
     m_data = static_cast<T*>(data);

@@ -41,7 +41,7 @@ class AsyncImpl : public RefCount {
 
  private:
   // The loop's queue item itself, so that a call is one allocation.
-  struct Call : IOLoopImpl::CallItem {
+  struct Call : CallItem {
     Call(std::uint32_t c, std::uint64_t e, AsyncImpl* owner) : cookie(c), epoch(e), self(owner) {}
     void Run() override { self->_Run(*this); }
     void Drop() override {}

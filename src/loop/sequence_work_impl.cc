@@ -26,18 +26,20 @@ int SequenceWorkImpl::QueueWork(std::function<void()> work, std::function<void(i
   job->work = std::move(work);
   job->afterWork = std::move(afterWork);
 
-  m_mutex.Lock();
-  if (m_current) {
-    m_pending.push_back(job);
-    m_mutex.Unlock();
-    return 0;
+  int rc;
+  {
+    // Guarded, so that a failed allocation cannot leave the lock held.
+    AutoMutexLock lock(m_mutex);
+    if (m_current) {
+      m_pending.push_back(job);
+      return 0;
+    }
+    // Held across the hand-over so that two threads cannot both start a job.  The
+    // loop takes its own work lock inside and never calls back with it held.
+    m_current = job;
+    rc = m_loop->QueueWork(m_anchor, job);
+    if (rc != 0) m_current = nullptr;
   }
-  // Held across the hand-over so that two threads cannot both start a job.  The
-  // loop takes its own work mutex inside and never calls back with it held.
-  m_current = job;
-  int rc = m_loop->QueueWork(m_anchor, job);
-  if (rc != 0) m_current = nullptr;
-  m_mutex.Unlock();
   if (rc == 0) return 0;
   LogInfo(tag::kWork, "SequenceWorkImpl::QueueWork, QueueWork fail, ret=%d", rc);
   delete job;  // `this` is still held by the caller

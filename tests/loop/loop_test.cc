@@ -19,6 +19,10 @@ using Clock = std::chrono::steady_clock;
 using Trace = std::vector<std::string>;
 using F = std::function<void()>;
 
+long MsSince(Clock::time_point t) {
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
 // Sized once per process, at its first use: a test can then occupy the whole pool.
 constexpr int kPoolSize = 2;
 #ifdef _WIN32
@@ -44,7 +48,10 @@ struct Gate { std::promise<void> promise; std::shared_future<void> future = prom
 // Runs `fn` while the loop thread is held in a call, then lets what was posted run.
 void WhileBlocked(IOLoop& loop, const std::function<void()>& fn) {
   auto blocked = std::make_shared<Semaphore>(), release = std::make_shared<Semaphore>();
-  loop.AsyncCall([blocked, release] { blocked->Post(), release->Wait(); });
+  loop.AsyncCall([blocked, release] {
+    blocked->Post();
+    release->Wait();
+  });
   blocked->Wait();
   fn();
   release->Post();
@@ -53,7 +60,10 @@ void WhileBlocked(IOLoop& loop, const std::function<void()>& fn) {
 
 class LoopTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(g_poolSizeSet == 0 && loop.Start() == 0); }
+  void SetUp() override {
+    ASSERT_EQ(g_poolSizeSet, 0);
+    ASSERT_EQ(loop.Start(), 0);
+  }
   void TearDown() override { loop.Stop(); }
   void Add(const std::string& e) { std::lock_guard<std::mutex> lock(mutex); events.push_back(e); }
   Trace Events() { std::lock_guard<std::mutex> lock(mutex); return events; }
@@ -61,7 +71,7 @@ class LoopTest : public ::testing::Test {
   // A job recording "w<n>" that then waits for `gate`; its report records "a<n>:<status>".
   template <class W>
   int Queue(W& work, const std::string& n, std::shared_ptr<Gate> gate = nullptr) {
-    return work.QueueWork([this, n, gate] { Add("w" + n), gate ? gate->future.wait() : void(); },
+    return work.QueueWork([this, n, gate] { Add("w" + n); if (gate) gate->future.wait(); },
                           [this, n](int s) { Add("a" + n + ":" + std::to_string(s)); });
   }
   // Holds every pool thread in a job (whose report holds `held`) until the gate opens.
@@ -83,23 +93,86 @@ TEST(IOLoop, StartStopWhichLoopEachThreadSeesAndTheDefaultLoop) {
   zstest::LogRecorder log;
   IOLoop loop;
   EXPECT_EQ(loop.Stop(), -1);
-  ASSERT_TRUE(loop.Start() == 0 && loop.Start() == -1);
-  bool onLoop = false;
+  ASSERT_EQ(loop.Start(), 0);
+  EXPECT_EQ(loop.Start(), -1);
+  bool onLoop = false, current = false, get = false;
+  int stopOnLoop = 0;
   loop.SyncCall([&] {  // a stop from the loop thread would wait for itself
-    onLoop = loop.IsLoopThread() && IOLoop::CurrentLoop() == &loop && IOLoop::GetLoop() == &loop && loop.Stop() == -1;
+    onLoop = loop.IsLoopThread();
+    current = IOLoop::CurrentLoop() == &loop;
+    get = IOLoop::GetLoop() == &loop;
+    stopOnLoop = loop.Stop();
   });
-  EXPECT_TRUE(onLoop && !loop.IsLoopThread() && !IOLoop::CurrentLoop() && loop.Stop() == 0);
-  EXPECT_TRUE(log.Count("UvLoop.Start, ret=-1") == 1 && log.Count("UvLoop.Stop, ret=-1") == 2);
+  EXPECT_TRUE(onLoop);
+  EXPECT_TRUE(current);
+  EXPECT_TRUE(get);
+  EXPECT_EQ(stopOnLoop, -1);
+  EXPECT_FALSE(loop.IsLoopThread());
+  EXPECT_EQ(IOLoop::CurrentLoop(), nullptr);
+  EXPECT_EQ(loop.Stop(), 0);
+  EXPECT_EQ(log.Count("UvLoop.Start, ret=-1"), 1);
+  EXPECT_EQ(log.Count("UvLoop.Stop, ret=-1"), 2);
   auto racer = std::async(std::launch::async, [] { return IOLoop::GetLoop(); });
   IOLoop* first = IOLoop::GetLoop();
-  ASSERT_TRUE(first && racer.get() == first);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(racer.get(), first);
   first->Start();  // already running, unless an earlier repetition of this test stopped it
   EXPECT_EQ(first->Stop(), 0);  // an application that wants a clean end stops it; the pointer stays
   EXPECT_EQ(IOLoop::DefaultLoop(), first);
-  auto token = std::make_shared<int>();  // a stopped loop refuses, and keeps nothing it was given
-  EXPECT_EQ(loop.AsyncCall([token] {}) + loop.DelayCall(0, [token] {}) + Timer(&loop).SetTimeout(0, 0, [token] {}), -3);
-  EXPECT_TRUE(Work(&loop).QueueWork([token] {}, [token](int) {}) == -1 && token.use_count() == 1);
 }
+
+// Refused at once, keeping nothing of what it was given; an armed timer stays armed.
+struct Refusal {
+  const char* name;
+  bool running;  // on a running loop, else on one never started
+  std::function<int(IOLoop&, Callback*, std::shared_ptr<int>, Timer&)> call;
+};
+class LoopRefusalTest : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(LoopRefusalTest, ReturnsMinusOneAndKeepsNothing) {
+  IOLoop loop;
+  if (GetParam().running) {
+    ASSERT_EQ(loop.Start(), 0);
+  }
+  auto* cb = new Callback();
+  auto token = std::make_shared<int>();
+  Timer armed(&loop);
+  if (GetParam().running) {
+    ASSERT_EQ(armed.SetTimeout(60000, 0, [] {}), 0);
+  }
+  EXPECT_EQ(GetParam().call(loop, GetParam().running ? nullptr : cb, token, armed), -1);
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_EQ(armed.IsRunning(), GetParam().running);
+  EXPECT_EQ(cb->Release(), 0);
+  loop.Stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Loop, LoopRefusalTest,
+    ::testing::Values(
+        Refusal{"AsyncCallEmpty", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.AsyncCall(F()); }},
+        Refusal{"AsyncCallNull", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.AsyncCall(nullptr, nullptr); }},
+        Refusal{"SyncCallEmpty", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.SyncCall(F()); }},
+        Refusal{"SyncCallNull", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.SyncCall(nullptr, nullptr); }},
+        Refusal{"DelayCallEmpty", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.DelayCall(0, F()); }},
+        Refusal{"DelayCallNull", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.DelayCall(0, nullptr, nullptr); }},
+        Refusal{"QueueWorkNull", true, [](IOLoop& l, Callback*, std::shared_ptr<int>, Timer&) { return l.QueueWork(nullptr, nullptr); }},
+        Refusal{"SetTimeoutEmpty", true,
+                [](IOLoop&, Callback*, std::shared_ptr<int>, Timer& armed) { return armed.SetTimeout(0, 0, F()); }},
+        Refusal{"StoppedAsyncCall", false, [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return l.AsyncCall([t] {}); }},
+        Refusal{"StoppedAsyncCallback", false, [](IOLoop& l, Callback* c, std::shared_ptr<int>, Timer&) { return l.AsyncCall(c, nullptr); }},
+        Refusal{"StoppedSyncCall", false, [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return l.SyncCall([t] {}); }},
+        Refusal{"StoppedDelayCall", false, [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return l.DelayCall(0, [t] {}); }},
+        Refusal{"StoppedDelayCallback", false,
+                [](IOLoop& l, Callback* c, std::shared_ptr<int>, Timer&) { return l.DelayCall(0, c, nullptr); }},
+        Refusal{"StoppedQueueWork", false, [](IOLoop& l, Callback* c, std::shared_ptr<int>, Timer&) { return l.QueueWork(c, nullptr); }},
+        Refusal{"StoppedSetTimeout", false,
+                [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return Timer(&l).SetTimeout(0, 0, [t] {}); }},
+        Refusal{"StoppedWork", false,
+                [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return Work(&l).QueueWork([t] {}, [t](int) {}); }},
+        Refusal{"StoppedAsync", false,
+                [](IOLoop& l, Callback*, std::shared_ptr<int> t, Timer&) { return Async(&l).AsyncCall([t] {}); }}),
+    [](const ::testing::TestParamInfo<Refusal>& info) { return std::string(info.param.name); });
 
 // Each thread's calls run in its order, across AsyncCall and SyncCall, and give back what they held.
 TEST_F(LoopTest, PostedCallsRunInEachThreadsOrder) {
@@ -116,36 +189,57 @@ TEST_F(LoopTest, PostedCallsRunInEachThreadsOrder) {
     });
   for (auto& t : posters) t.join();
   loop.SyncCall([] {});  // behind every poster's last call
-  for (auto& mine : seen) EXPECT_TRUE(mine.size() == 2000u && std::is_sorted(mine.begin(), mine.end()));
-  EXPECT_TRUE(cb->calls.size() == 3u && cb->Release() == 0);  // references given back
+  for (auto& mine : seen) {
+    EXPECT_EQ(mine.size(), 2000u);
+    EXPECT_TRUE(std::is_sorted(mine.begin(), mine.end()));
+  }
+  EXPECT_EQ(cb->calls.size(), 3u);
+  EXPECT_EQ(cb->Release(), 0);  // references given back
 }
 
-// A flood of posted calls (one posting itself, a thread posting) starves neither delayed calls
-// nor timers, which run in due order and never early; a negative interval fires once.
-TEST_F(LoopTest, DelayedCallsAndTimersAreNotStarvedByAFloodAndRunInDueOrder) {
-  std::atomic<bool> stop{false}, last{false};
-  F spin = [&] { stop ? 0 : loop.AsyncCall(spin); };
-  std::thread flooder([&] { while (!stop) loop.AsyncCall([] {}); });
-  loop.AsyncCall(spin);
+// Delayed calls and timers run in due order, none early; a negative interval fires once.
+TEST_F(LoopTest, DelayedCallsAndTimersRunInDueOrder) {
   Trace order;
   Timer t60(&loop), t120(&loop);
-  Clock::time_point start, at[3];
+  Clock::time_point start;
+  long late[5] = {};
+  std::promise<void> last;
   loop.SyncCall([&] {  // armed in one go, so that their due times share a start
     start = Clock::now();
-    loop.DelayCall(150, [&] { order.push_back("call150"), at[2] = Clock::now(), last = true; });
-    t120.SetTimeout(120, -5, [&] { order.push_back("timer120"), at[1] = Clock::now(); });
-    loop.DelayCall(90, [&] { order.push_back("call90"); });
-    t60.SetTimeout(60, 0, [&] { order.push_back(t60.IsRunning() ? "running" : "timer60"), at[0] = Clock::now(); });
-    loop.DelayCall(30, [&] { order.push_back("call30"); });
+    auto at = [&](int i, int due, const char* name) {
+      order.push_back(name);
+      late[i] = MsSince(start) - due;
+    };
+    loop.DelayCall(150, [&, at] { at(4, 150, "call150"), last.set_value(); });
+    t120.SetTimeout(120, -5, [&, at] { at(3, 120, "timer120"); });
+    loop.DelayCall(90, [&, at] { at(2, 90, "call90"); });
+    t60.SetTimeout(60, 0, [&, at] { at(1, 60, t60.IsRunning() ? "running" : "timer60"); });
+    loop.DelayCall(30, [&, at] { at(0, 30, "call30"); });
   });
-  EXPECT_TRUE(zstest::WaitUntil([&] { return last.load(); }));
-  stop = true;
-  flooder.join();
-  loop.SyncCall([] {}), loop.SyncCall([] {});  // the spin may have posted itself once more
+  last.get_future().wait();
   EXPECT_EQ(order, (Trace{"call30", "timer60", "call90", "timer120", "call150"}));
-  const int due[] = {60, 120, 150};
-  for (int i = 0; i < 3; ++i) EXPECT_GE(at[i] - start, std::chrono::milliseconds(due[i]));
-  EXPECT_FALSE(t60.IsRunning() || t120.IsRunning());
+  for (long l : late) EXPECT_GE(l, 0);
+  loop.SyncCall([] {});
+  EXPECT_FALSE(t60.IsRunning());
+  EXPECT_FALSE(t120.IsRunning());
+}
+
+// Eight 7 ms timers, each armed by the last one's firing, on a loop that is
+// not busy: each fires within a few milliseconds of its due time (a loop that
+// polled its timers every 50 ms would take over 300 ms).
+TEST_F(LoopTest, TimersFireCloseToTheirDueTime) {
+  Timer timer(&loop);
+  std::promise<void> done;
+  int links = 0;
+  std::function<void()> link = [&] {
+    if (++links == 8) done.set_value();
+    else timer.SetTimeout(7, 0, link);
+  };
+  auto start = Clock::now();
+  ASSERT_EQ(timer.SetTimeout(7, 0, link), 0);
+  done.get_future().wait();
+  EXPECT_GE(MsSince(start), 8 * 7);
+  EXPECT_LT(MsSince(start), 8 * (7 + 12));
 }
 
 // Dropped without running: captures and references let go on the loop thread,
@@ -180,8 +274,11 @@ TEST_F(LoopTest, StopDropsWhatIsQueuedAndReleasesIt) {
   const std::string pending = "IOLoopImpl::_AsyncStop, pending-";  // the waiter, if it got in before the stop
   const int queued = log.Count(pending + "async-call=" + std::to_string(5 + accepted));
   EXPECT_EQ(queued + log.Count(pending + "async-call=" + std::to_string(6 + accepted)), 1);
-  EXPECT_TRUE(log.Count(pending + "delay-async-call=1002") == 1 && log.Count(pending + "work=0") == 1);
-  EXPECT_TRUE(ran == 0 && token.use_count() == 1 && cb->calls.empty());
+  EXPECT_EQ(log.Count(pending + "delay-async-call=1002"), 1);
+  EXPECT_EQ(log.Count(pending + "work=0"), 1);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_TRUE(cb->calls.empty());
   EXPECT_EQ(cb->dropped, (std::vector<void*>{&tag[0], &tag[1], &tag[2], &tag[0]}));
   EXPECT_EQ(cb->Release(), 0);
 }
@@ -192,53 +289,76 @@ TEST_F(LoopTest, AsyncCancelledOrDestroyedAnywhere) {
   WhileBlocked(loop, [&] {
     for (int i = 0; i < 3; ++i) async->AsyncCall([this, token] { Add("cancelled"); });
     async->Cancel();
-    async->AsyncCall([&] { Add("0"), async->Cancel(), async->AsyncCall([&] { Add("1"); }); });
+    async->AsyncCall([&] {
+      Add("0");
+      async->Cancel();
+      async->AsyncCall([&] { Add("1"); });
+    });
     async->AsyncCall([&] { Add("cancelled inside"); });
   });
   loop.SyncCall([] {});
-  EXPECT_TRUE(Events() == (Trace{"0", "1"}) && token.use_count() == 1);
+  EXPECT_EQ(Events(), (Trace{"0", "1"}));
+  EXPECT_EQ(token.use_count(), 1);
   std::atomic<int> ran{0};
   WhileBlocked(loop, [&] {
     for (int i = 0; i < 50; ++i) async->AsyncCall([&ran, token] { ++ran; });
     std::thread([async] { delete async; }).join();
   });
-  EXPECT_TRUE(ran == 0 && token.use_count() == 1);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(token.use_count(), 1);
 }
 
+// Only the current arming fires, and never before its delay; a repeating timer
+// is armed inside its function and can be cancelled there; a timer may be
+// destroyed inside its own function, and armed from any thread.
 TEST_F(LoopTest, TimerReplacedCancelledOrDestroyedAnywhere) {
-  Timer replaced(&loop), cancelled(&loop), repeating(&loop);
-  std::atomic<int> fired{0}, ticks{0};
+  Timer replaced(&loop), cancelled(&loop), repeating(&loop), onLoop(&loop), fromThread(&loop);
+  std::atomic<int> replacedFired{0}, cancelledFired{0}, ticks{0}, selfFired{0}, strayFired{0};
+  std::atomic<long> replacedAfter{0}, onLoopAfter{-1};
+  std::atomic<bool> fromThreadFired{false}, runningInside{false};
   auto token = std::make_shared<int>();
-  bool runningInside = false;
-  replaced.SetTimeout(30, 0, [&] { fired += 1000; });
-  // The call due at 30 must not run the new function early (1 ms: the tick is whole ms).
+  replaced.SetTimeout(30, 0, [&] { replacedFired += 100; });
   auto armed = Clock::now();
-  replaced.SetTimeout(150, 0, [&] { fired += Clock::now() - armed >= std::chrono::milliseconds(149) ? 1 : 1000; });
-  cancelled.SetTimeout(30, 0, [&] { fired += 1000; });
+  replaced.SetTimeout(150, 0, [&] { ++replacedFired, replacedAfter = MsSince(armed); });
+  cancelled.SetTimeout(30, 0, [&] { ++cancelledFired; });
   cancelled.Cancel();
-  repeating.SetTimeout(0, 20, [&] { runningInside = repeating.IsRunning(); if (++ticks == 3) repeating.Cancel(); });
+  repeating.SetTimeout(0, 20, [&] {
+    runningInside = repeating.IsRunning();
+    if (++ticks == 3) repeating.Cancel();
+  });
   auto* self = new Timer(&loop);
-  self->SetTimeout(0, 50, [self, token, &fired] {
-    delete self;  // the running copy of this function survives
-    fired += token.use_count() == 2 ? 10 : 1000;
+  long tokensInside = 0;
+  self->SetTimeout(0, 50, [self, token, &selfFired, &tokensInside] {
+    delete self;  // the running function survives
+    tokensInside = token.use_count();
+    ++selfFired;
   });
   WhileBlocked(loop, [&] {  // none of these can come due before its deletion
-    for (int i = 0; i < 50; ++i)
-      std::thread([&] { Timer(&loop).SetTimeout(0, 0, [&fired] { fired += 1000; }); }).join();
+    for (int i = 0; i < 50; ++i) std::thread([&] { Timer(&loop).SetTimeout(0, 0, [&] { ++strayFired; }); }).join();
   });
   // An arming from another thread while one made on the loop thread still waits
   // for its clock reading: neither may take the other's due time.
-  Timer onLoop(&loop), fromThread(&loop);
   loop.SyncCall([&] {
     auto start = Clock::now();
-    onLoop.SetTimeout(150, 0,
-                      [&, start] { fired += Clock::now() - start >= std::chrono::milliseconds(149) ? 100 : 1000; });
-    std::thread([&] { fromThread.SetTimeout(0, 0, [&fired] { fired += 100; }); }).join();
+    onLoop.SetTimeout(150, 0, [&, start] { onLoopAfter = MsSince(start); });
+    std::thread([&] { fromThread.SetTimeout(0, 0, [&] { fromThreadFired = true; }); }).join();
   });
   Semaphore settled;  // the delayed calls due by then have run
-  loop.DelayCall(200, [&settled] { settled.Post(); }), settled.Wait();
-  EXPECT_TRUE(fired == 211 && ticks == 3 && runningInside && token.use_count() == 1) << fired;
-  EXPECT_FALSE(repeating.IsRunning() || cancelled.IsRunning());
+  loop.DelayCall(200, [&settled] { settled.Post(); });
+  settled.Wait();
+  EXPECT_EQ(replacedFired, 1);
+  EXPECT_GE(replacedAfter, 149);  // the tick is whole milliseconds
+  EXPECT_EQ(cancelledFired, 0);
+  EXPECT_EQ(ticks, 3);
+  EXPECT_TRUE(runningInside);
+  EXPECT_FALSE(repeating.IsRunning());
+  EXPECT_FALSE(cancelled.IsRunning());
+  EXPECT_EQ(selfFired, 1);
+  EXPECT_EQ(tokensInside, 2);
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_EQ(strayFired, 0);
+  EXPECT_GE(onLoopAfter, 149);
+  EXPECT_TRUE(fromThreadFired);
 }
 
 TEST_F(LoopTest, JobsRunOnThePoolReportOnTheLoopThreadAndWorkCancelSilencesThem) {
@@ -257,7 +377,8 @@ TEST_F(LoopTest, JobsRunOnThePoolReportOnTheLoopThreadAndWorkCancelSilencesThem)
   work.Cancel();  // while it runs: it finishes, but does not report
   running.promise.set_value();
   ASSERT_TRUE(zstest::WaitUntil([&] { return finished.load(); }));  // any report of it comes before the next
-  ASSERT_TRUE(Queue(work, "3") == 0 && WaitEvents(7));
+  ASSERT_EQ(Queue(work, "3"), 0);
+  ASSERT_TRUE(WaitEvents(7));
   Trace e = Events();
   std::sort(e.begin() + 2, e.end() - 2);  // the blockers report while job 2 starts
   EXPECT_EQ(e, (Trace{"w", "a", "pool", "pool", "w2", "w3", "a3:0"}));
@@ -279,7 +400,8 @@ TEST_F(LoopTest, SequenceWorkRunsStrictlyInOrderAndCancelEndsTheChain) {
   events.clear();
   auto gate = std::make_shared<Gate>();
   auto held = std::make_shared<int>();
-  ASSERT_TRUE(Queue(seq, "1", gate) == 0 && WaitEvents(1));
+  ASSERT_EQ(Queue(seq, "1", gate), 0);
+  ASSERT_TRUE(WaitEvents(1));
   ASSERT_EQ(seq.QueueWork([held] {}, [held](int) {}), 0);
   seq.Cancel();  // job 1 runs on but does not report
   EXPECT_EQ(held.use_count(), 1);
@@ -289,7 +411,8 @@ TEST_F(LoopTest, SequenceWorkRunsStrictlyInOrderAndCancelEndsTheChain) {
   ASSERT_EQ(Queue(seq, "3"), 0);
   gate->promise.set_value();
   cancelled.get_future().wait();
-  ASSERT_TRUE(Queue(seq, "4") == 0 && WaitEvents(5));
+  ASSERT_EQ(Queue(seq, "4"), 0);
+  ASSERT_TRUE(WaitEvents(5));
   EXPECT_EQ(Events(), (Trace{"w1", "w2", "a2:0", "w4", "a4:0"}));
 }
 
@@ -328,7 +451,10 @@ TEST_F(LoopTest, StopLeavesStuckJobsDropsEveryReportAndReleasesEverything) {
   gate->promise.set_value();  // in any case, so that a failing run still ends
   EXPECT_EQ(stop.get(), 0);
   EXPECT_TRUE(zstest::WaitUntil([&] { return running.use_count() == 1 && held.use_count() == 1; }));
-  EXPECT_TRUE(Events().empty() && cb->calls.empty() && cb->dropped.size() == 1u && cb->Release() == 0);
+  EXPECT_TRUE(Events().empty());
+  EXPECT_TRUE(cb->calls.empty());
+  EXPECT_EQ(cb->dropped.size(), 1u);
+  EXPECT_EQ(cb->Release(), 0);
   EXPECT_EQ(seq.QueueWork([] {}, [](int) {}), -1);  // not stuck waiting for ever
 }
 
