@@ -2,6 +2,7 @@
 
 #include <uv.h>  // addrinfo: from ws2tcpip.h on Windows, netdb.h elsewhere
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -33,6 +34,7 @@ struct CtxHolder {
 
 HostAddrCache* g_cache = nullptr;
 std::once_flag g_cacheOnce;
+std::atomic<HostLookup> g_lookup{&uv_getaddrinfo};
 
 }  // namespace
 
@@ -94,7 +96,7 @@ void HostAddrCache::_OnAsyncHostResolve(HostResolveCtx* ctx) {
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_protocol = IPPROTO_TCP;
-  int rc = uv_getaddrinfo(ctx->loop->Loop(), req, _OnHostResolveResult, ctx->host.c_str(), nullptr, &hints);
+  int rc = g_lookup.load()(ctx->loop->Loop(), req, _OnHostResolveResult, ctx->host.c_str(), nullptr, &hints);
   if (rc != 0) {
     LogInfo(tag::kHostResolve, "_OnAsyncHostResolve, uv_getaddrinfo fail, host=%s, err=%d.", ctx->host.c_str(), rc);
     _OnHostResolveResult(req, rc, nullptr);
@@ -161,6 +163,8 @@ void HostAddrCache::_PutCache(const std::string& host, const IPAddress& address,
   entry.time = time;
   m_lock.WUnlock();
 }
+
+void HostAddrCache::SetLookupForTesting(HostLookup lookup) { g_lookup.store(lookup ? lookup : &uv_getaddrinfo); }
 
 void HostAddrCache::PutEntryForTesting(const std::string& host, const IPAddress& address, std::int64_t time) {
   _PutCache(host, address, time);

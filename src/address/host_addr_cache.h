@@ -17,6 +17,7 @@
 
 struct addrinfo;
 struct uv_getaddrinfo_s;
+struct uv_loop_s;
 
 namespace zelsocket {
 
@@ -29,6 +30,11 @@ struct HostAddrEntry {
 };
 
 using HostResolveCallback = std::function<void(int, const char*, const IPAddress&)>;
+
+// What looks a name up: uv_getaddrinfo, or a stand-in of the same shape.
+using HostLookup = int (*)(uv_loop_s* loop, uv_getaddrinfo_s* req,
+                           void (*done)(uv_getaddrinfo_s*, int, addrinfo*), const char* host,
+                           const char* service, const addrinfo* hints);
 
 struct HostResolveCtx {
   IOLoop* loop = nullptr;
@@ -43,6 +49,9 @@ class HostAddrCache {
 
   bool _HostResolve(const char* host, HostResolveCallback callback);
 
+  // Test hook: the lookup that requests not answered from the cache make (null:
+  // uv_getaddrinfo), so that unit tests need not ask the machine's resolver.
+  static void SetLookupForTesting(HostLookup lookup);
   // Test hook: writes an entry with the given wall-clock time, as a lookup would.
   void PutEntryForTesting(const std::string& host, const IPAddress& address, std::int64_t time);
   // Test hook: reads an entry as the request path does.

@@ -1,6 +1,5 @@
-// Drives the data sender with a byte string of operations (packets, cancels, clock ticks, forced timeouts,
-// pause and resume, a destination that changes, a refusing socket, a sink that calls back in) and checks
-// every outcome against a reference model that follows each packet on its own.
+// Drives the data sender with a byte string of operations (packets, cancels, clock ticks, forced timeouts, pause
+// and resume, a changing destination, a refusing socket, a sink that calls back in) against a reference model.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,4 @@
-// Runs a fuzz target over the files of its committed corpus, so that every
-// test tree (normal, ASan, TSan) replays what the fuzzer found worth keeping.
+// Runs a fuzz target over its committed corpus, so that every test tree replays what the fuzzer kept.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>

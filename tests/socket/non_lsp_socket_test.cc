@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -32,7 +33,7 @@ struct FakePlatform : INonLspPlatform {
   std::vector<ProtocolInfoW> catalogue;
   std::vector<EnumLength> demands, offered;
   std::atomic<int> walks{0};
-  bool refuseWSASocket = false;
+  bool refuseWSASocket = false, listingStuck = false;
   int refuseProtocol = -1;  // of plain sockets; -2: every one
   std::mutex mutex;
   std::vector<std::string> creations;
@@ -48,7 +49,19 @@ struct FakePlatform : INonLspPlatform {
     if (!catalogue.empty()) std::memcpy(buffer, catalogue.data(), catalogue.size() * sizeof(ProtocolInfoW));
     return static_cast<int>(catalogue.size());
   }
-  int WSAEnumProtocolsA(int*, ProtocolInfoA*, EnumLength*) override { return (lastError = 10022, -1); }
+  // The listing: the same entries, narrow.
+  int WSAEnumProtocolsA(int*, ProtocolInfoA* buffer, EnumLength* length) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (listingStuck) return (lastError = kEnumNoBuffers, -1);  // asks for no more than it was given
+    EnumLength needed = static_cast<EnumLength>(catalogue.size() * sizeof(ProtocolInfoA));
+    if (*length < needed) return (*length = needed, lastError = kEnumNoBuffers, -1);
+    for (const ProtocolInfoW& w : catalogue) {
+      ProtocolInfoA& a = *buffer++;
+      std::memcpy(&a, &w, offsetof(ProtocolInfoA, szProtocol));
+      for (int i = 0; i < 256; ++i) a.szProtocol[i] = static_cast<char>(w.szProtocol[i]);  // the names are ASCII
+    }
+    return static_cast<int>(catalogue.size());
+  }
   SocketHandle WSASocketW(int af, int type, int protocol, ProtocolInfoW* info) override {
     Log("W", af, type, protocol, info ? " entry=" + std::to_string(info->dwCatalogEntryId) : " null");
     return (lastError = 10047, refuseWSASocket ? kInvalidSocket : 100);
@@ -60,8 +73,8 @@ struct FakePlatform : INonLspPlatform {
   }
   void Log(const char* what, int af, int type, int protocol, const std::string& tail) {
     std::lock_guard<std::mutex> lock(mutex);
-    creations.push_back(std::string(what) + " " + std::to_string(af) + " " + std::to_string(type) + " " +
-                        std::to_string(protocol) + tail);
+    std::string args = std::to_string(af) + " " + std::to_string(type) + " " + std::to_string(protocol);
+    creations.push_back(what + (" " + args) + tail);
   }
   int WSAGetLastError() override { return lastError; }
   int StringFromGUID2(const ProviderGuid& guid, wchar_t* text, int length) override {
@@ -72,7 +85,7 @@ struct FakePlatform : INonLspPlatform {
 TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
   zstest::LogRecorder log;
   FakePlatform fake;
-  const ProviderGuid layered = {0x12345678, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}};
+  const ProviderGuid layered = {0xE70F1AA0, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}};  // the base's first field
   fake.catalogue = {Entry(layered, 1001, AF_INET, 2), Entry(*BaseProviderId(AF_INET), 1002, AF_INET6),
                     Entry(*BaseProviderId(AF_INET), 1003, AF_INET), Entry(*BaseProviderId(AF_INET6), 1004, AF_INET6)};
   fake.demands = {9000, 20000};
@@ -95,30 +108,40 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
   EXPECT_EQ(mine, other);
   ASSERT_NE(mine, nullptr);
   EXPECT_EQ(mine->dwCatalogEntryId, 1004u);  // the IPv4 base id does not count for IPv6
+  fake.listingStuck = true;  // a walk that cannot get on has failed, and the listing says so
+  EXPECT_EQ(fresh.LogWSAProtocols(), "");
+  EXPECT_EQ(log.Count("LogWSAProtocols, WSAEnumProtocolsA fail, ret=-1, err=10055"), 1);
 }
 
 // Without a base entry the provider socket is made with no record; when that
-// fails, a plain UDP socket; when that fails, a plain socket of protocol 0.
-TEST(NonLspSocketTest, FallbackChain) {
-  struct Case {
-    bool missingEntry, refuseWSASocket;
-    int refuseProtocol, af;
-    SocketHandle result;
-    std::vector<std::string> creations;
-  } const cases[] = {
-      {true, false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
-      {false, true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
-      {false, true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
-      {false, true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},
+// fails, a plain UDP socket; when that fails, a plain socket of protocol 0.  A
+// lookup's outcome, found or not, is kept: a second socket walks nothing, and a
+// failed lookup logs the catalogue once.
+TEST(NonLspSocketTest, FallbackChainAndTheKeptOutcomeOfTheLookup) {
+  const struct { bool refuseWSASocket; int refuseProtocol, af; SocketHandle made; std::vector<std::string> creations; }
+      cases[] = {  // the creations of one socket
+      {false, -1, AF_INET6, 100, {"W " + std::to_string(AF_INET6) + " 2 17 null"}},  // 23 on Windows
+      {true, -1, AF_INET, 217, {"W 2 2 17 entry=9", "S 2 2 17"}},
+      {true, 17, AF_INET, 200, {"W 2 2 17 entry=9", "S 2 2 17", "S 2 2 0"}},
+      {true, -2, 0, kInvalidSocket, {"W 0 2 17 null", "S 0 2 17", "S 0 2 0"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
+    zstest::LogRecorder log;
     FakePlatform fake;
-    if (!c.missingEntry) fake.catalogue = {Entry(*BaseProviderId(AF_INET), 9, AF_INET)};
+    fake.catalogue = {Entry(*BaseProviderId(AF_INET), 9, AF_INET)};
     fake.refuseWSASocket = c.refuseWSASocket;
     fake.refuseProtocol = c.refuseProtocol;
-    EXPECT_EQ(NonLspSocketFactory(fake).CreateNonLSPSocket(c.af), c.result) << c.creations.back();
-    EXPECT_EQ(fake.creations, c.creations);
+    NonLspSocketFactory factory(fake);
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.made) << c.creations.back();
+    EXPECT_EQ(factory.CreateNonLSPSocket(c.af), c.made) << c.creations.back();
+    std::vector<std::string> twice(c.creations);
+    twice.insert(twice.end(), c.creations.begin(), c.creations.end());
+    EXPECT_EQ(fake.creations, twice);
     EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
+    const std::string failed = "CreateNonLSPSocket, _GetBaseProviderInfo fail, af=" + std::to_string(c.af) +
+                               ", type=2, protocol=17, Protocol List:\nEntryId=9, Name=entry, ChainLen=1, Version=0, "
+                               "AF=2, SockType=2, Protocol=17, Guid={E70F1AA0-AB8B-11CF-8CA3-00805F48A192}\n\n";
+    EXPECT_EQ(log.Count(failed), c.af == AF_INET6 ? 1 : 0) << c.creations.back();
   }
 }
 
@@ -135,7 +158,8 @@ TEST(NonLspSocketTest, StandsOnTheBaseProviderOfTheRealCatalogue) {
     WSAPROTOCOL_INFOW actual{};
     int size = sizeof actual;
     EXPECT_EQ(0, ::getsockopt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&actual), &size)) << af;
-    EXPECT_TRUE(IsEqualGUID(actual.ProviderId, *BaseProviderId(af)) && actual.ProtocolChain.ChainLen == 1) << af;
+    EXPECT_TRUE(IsEqualGUID(actual.ProviderId, *BaseProviderId(af))) << af;
+    EXPECT_EQ(actual.ProtocolChain.ChainLen, 1) << af;
     EXPECT_EQ(1, log.CountPrefix("CreateNonLSPSocket, _GetBaseProviderInfo ok, af=" + std::to_string(af) + ","));
     ::closesocket(s);
   }

@@ -1,5 +1,4 @@
-// Echo peers on loopback, each on a libuv loop and a thread of its own, so
-// that they run wherever libuv does.  Both bind port 0.
+// Echo peers on loopback (port 0), each on a libuv loop and thread of its own.
 #ifndef ZELSOCKET_TESTS_SUPPORT_PEERS_H
 #define ZELSOCKET_TESTS_SUPPORT_PEERS_H
 
@@ -24,7 +23,6 @@ class EchoPeer {
   }
   unsigned short Port() const { return m_port; }
   int Received() const { return m_received; }  // datagrams, counted after the filter has seen them
-  int Ended() const { return m_ended; }        // connections whose end the peer saw
 
  protected:
   // Runs `setup` on the peer's thread (it binds `ip`, port 0), then the loop.
@@ -64,14 +62,14 @@ class EchoPeer {
     if (h->type != UV_ASYNC) std::free(h);
   }
   static void Alloc(uv_handle_t*, size_t n, uv_buf_t* b) { *b = uv_buf_init(static_cast<char*>(std::malloc(n)), n); }
-  static void Sent(uv_udp_send_t* r, int) { std::free(r->data), std::free(r); }
-  static void Written(uv_write_t* r, int) { std::free(r->data), std::free(r); }
+  template <typename Request>
+  static void Done(Request* r, int) { std::free(r->data), std::free(r); }
 
   uv_loop_t m_loop;
   uv_async_t m_stop;
   std::thread m_thread;
   unsigned short m_port = 0;
-  std::atomic<int> m_received{0}, m_ended{0};
+  std::atomic<int> m_received{0};
   std::function<bool(const std::string&)> m_answer;
 };
 
@@ -90,7 +88,7 @@ class UdpEchoPeer : public EchoPeer {
         if (!echo) return std::free(buf->base);
         auto* req = New<uv_udp_send_t>(buf->base);
         uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
-        uv_udp_send(req, h, &out, 1, from, Sent);
+        uv_udp_send(req, h, &out, 1, from, Done<uv_udp_send_t>);
       });
     });
   }
@@ -113,11 +111,11 @@ class TcpEchoPeer : public EchoPeer {
         uv_read_start(reinterpret_cast<uv_stream_t*>(conn), Alloc, [](uv_stream_t* c, ssize_t n, const uv_buf_t* buf) {
           bool end = n < 0 || (n == 1 && buf->base[0] == kHangUp);
           if (n <= 0 || end) std::free(buf->base);
-          if (end) ++static_cast<TcpEchoPeer*>(c->data)->m_ended, uv_close(reinterpret_cast<uv_handle_t*>(c), Free);
+          if (end) uv_close(reinterpret_cast<uv_handle_t*>(c), Free);
           if (n <= 0 || end) return;
           auto* req = New<uv_write_t>(buf->base);
           uv_buf_t out = uv_buf_init(buf->base, static_cast<unsigned>(n));
-          uv_write(req, c, &out, 1, Written);
+          uv_write(req, c, &out, 1, Done<uv_write_t>);
         });
       });
     });

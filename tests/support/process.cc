@@ -10,10 +10,8 @@
 
 #ifndef _WIN32
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #endif
@@ -26,10 +24,7 @@ bool InNamespace() { return std::getenv("ZS_IN_NAMESPACE") != nullptr; }
 // Child processes and namespaces are POSIX facilities.
 ChildProcess::~ChildProcess() = default;
 void RerunInNamespace(std::chrono::seconds) { GTEST_SKIP() << "needs network namespaces"; }
-std::string StartDnsmasq(ChildProcess&, unsigned short*) { return "needs POSIX child processes"; }
-std::string StartHttpServer(ChildProcess&, const std::map<std::string, std::string>&, unsigned short*) {
-  return "needs POSIX child processes";
-}
+std::string StartDnsmasq(ChildProcess&) { return "needs POSIX child processes"; }
 #else
 ChildProcess::~ChildProcess() {
   Kill();
@@ -37,10 +32,26 @@ ChildProcess::~ChildProcess() {
   if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
 }
 
+const std::string& ScratchDir() {
+  static std::string made;  // one test per process under ctest; a new test, a new folder
+  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : "no-test";
+  std::string dir = std::string(ZS_TEST_SCRATCH) + "/" + name + (InNamespace() ? ".ns" : "");
+  if (made != dir) {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+    std::filesystem::create_directories(dir, ignored);
+    made = dir;
+  }
+  return made;
+}
+
 const std::string& ChildProcess::Dir() {
-  std::error_code ignored;
-  std::string path = (std::filesystem::temp_directory_path(ignored) / "zs_child_XXXXXX").string();
-  if (m_dir.empty() && mkdtemp(path.data())) m_dir = path;
+  if (m_dir.empty()) {
+    m_dir = ScratchDir() + "/child" + std::to_string(++s_made);
+    std::error_code ignored;
+    std::filesystem::create_directories(m_dir, ignored);
+  }
   return m_dir;
 }
 
@@ -54,6 +65,7 @@ std::string ChildProcess::Start(const std::vector<std::string>& argv) {
   pid_t parent = getpid();
   m_pid = fork();
   if (m_pid == 0) {
+    setpgid(0, 0);                     // so that Kill takes whatever the child starts
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed by its timeout takes its children along
     if (getppid() != parent) _exit(127);
     dup2(out, 1);
@@ -62,6 +74,7 @@ std::string ChildProcess::Start(const std::vector<std::string>& argv) {
     _exit(127);
   }
   close(out);
+  if (m_pid > 0) setpgid(m_pid, m_pid);  // before Kill could need it, whichever side runs first
   return m_pid > 0 ? "" : "needs fork";
 }
 
@@ -73,7 +86,7 @@ bool ChildProcess::Running() {
 }
 
 void ChildProcess::Kill() {
-  if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+  if (m_pid > 0 && kill(-m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
   m_pid = -1;
 }
 
@@ -103,48 +116,15 @@ void RerunInNamespace(std::chrono::seconds timeout) {
   EXPECT_EQ(code, 0) << out;
 }
 
-namespace {
-// Starts a server until its output says it listens; else why not.
-std::string Started(ChildProcess& child, const std::vector<std::string>& argv, const std::string& mark) {
-  std::string why = child.Start(argv);
+// Inside a namespace port 53 is free, and what asks the resolver finds it.
+std::string StartDnsmasq(ChildProcess& child) {
+  std::string why = child.Start({"dnsmasq", "--no-daemon", "--log-facility=-", "--user=root",
+                                 "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv", "--no-hosts",
+                                 "--pid-file=", "--address=/example.test/10.1.2.3", "--address=/dns.test/127.0.0.1"});
   if (!why.empty()) return why;
-  WaitUntil([&] { return !child.Running() || child.Output().find(mark) != std::string::npos; },
+  WaitUntil([&] { return !child.Running() || child.Output().find("started") != std::string::npos; },
             std::chrono::seconds(10));
-  return child.Running() ? "" : "needs " + argv[0] + ": " + child.Output();
-}
-}  // namespace
-
-// dnsmasq cannot take port 0: another process may take the port found here
-// before it binds it, so it has a few tries.
-std::string StartDnsmasq(ChildProcess& child, unsigned short* port) {
-  std::string why;
-  for (int attempt = 0, fixed = *port; attempt < (fixed ? 1 : 5) && (attempt == 0 || !why.empty()); ++attempt) {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    addr.sin_family = AF_INET;
-    bind(s, reinterpret_cast<sockaddr*>(&addr), len);
-    getsockname(s, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(s);
-    *port = fixed ? fixed : ntohs(addr.sin_port);
-    why = Started(child,
-                  {"dnsmasq", "--no-daemon", "--log-facility=-", "--user=root", "--listen-address=127.0.0.1",
-                   "--bind-interfaces", "--no-resolv", "--no-hosts", "--pid-file=", "--address=/example.test/10.1.2.3",
-                   "--port=" + std::to_string(*port)},
-                  "started");
-  }
-  return why;
-}
-
-std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files,
-                            unsigned short* port) {
-  for (const auto& [name, body] : files) std::ofstream(child.Dir() + "/" + name, std::ios::binary) << body;
-  std::string why =
-      Started(child, {"python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory", child.Dir()},
-              "Serving HTTP on 127.0.0.1 port ");
-  std::string out = child.Output();
-  if (why.empty()) *port = static_cast<unsigned short>(std::stoi(out.substr(out.find(" port ") + 6)));
-  return why;
+  return child.Running() ? "" : "needs dnsmasq: " + child.Output();
 }
 #endif
 

@@ -1,18 +1,21 @@
-// Real peers in child processes, and parts of a test that run in a network
-// namespace of their own.  Where a facility is missing the helpers say why
-// ("needs ...") and the test skips with the reason.
+// Peers in child processes, and tests rerun in a network namespace of their
+// own.  Where a facility is missing the helpers say why ("needs ...").
 #ifndef ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 #define ZELSOCKET_TESTS_SUPPORT_PROCESS_H
 
 #include <chrono>
-#include <map>
 #include <string>
 #include <vector>
 
 namespace zstest {
 
-// A child whose output goes to a file in its scratch directory Dir(); killed
-// when the object goes, and by the kernel if the test dies first.
+// A folder of the running test's own under the build tree, emptied at its first
+// use in a process: what a killed run left behind goes at the next run.
+const std::string& ScratchDir();
+
+// A child in a process group of its own, its output in a file of its folder
+// Dir() (under ScratchDir()); group killed and folder removed when the object
+// goes, and the child killed by the kernel if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -29,20 +32,18 @@ class ChildProcess {
  private:
   int m_pid = -1, m_exit = -1;
   std::string m_dir;
+  static inline int s_made = 0;
 };
 
-// Outside a namespace: runs the current test again in a fresh process of this
-// binary, inside a network namespace with loopback up and a resolver that asks
-// 127.0.0.1, where InNamespace() is true; it passes or skips as that run does.
+// Runs the current test again in a fresh process, inside a network namespace
+// with loopback up and a resolver that asks 127.0.0.1, where InNamespace() is
+// true; it passes or skips as that run does.
 bool InNamespace();
 void RerunInNamespace(std::chrono::seconds timeout = std::chrono::seconds(60));
 
-// dnsmasq on 127.0.0.1 answering example.test with 10.1.2.3, and python3's
-// http.server on 127.0.0.1 serving `files` (name to content).  Empty once the
-// server listens (its port written back), else why not.  dnsmasq takes
-// `*port`, or any free port if it is 0.
-std::string StartDnsmasq(ChildProcess& child, unsigned short* port);
-std::string StartHttpServer(ChildProcess& child, const std::map<std::string, std::string>& files, unsigned short* port);
+// dnsmasq on 127.0.0.1:53 in the namespace, answering example.test with
+// 10.1.2.3 and dns.test with 127.0.0.1: empty once it listens, else why not.
+std::string StartDnsmasq(ChildProcess& child);
 
 }  // namespace zstest
 

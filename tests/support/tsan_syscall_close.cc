@@ -1,8 +1,7 @@
-// ThreadSanitizer builds only.  The uninstrumented system libuv closes
-// descriptors through syscall(SYS_close, fd), unseen by the sanitizer, which
-// then takes a reused descriptor number for the old one and reports a race
-// between unrelated creations.  This syscall() comes before libc's, for libuv
-// too, and sends closes through the intercepted close().
+// ThreadSanitizer builds only.  The uninstrumented system libuv closes descriptors through
+// syscall(SYS_close, fd), unseen by the sanitizer, which then takes a reused descriptor for the
+// old one and reports a race between unrelated creations.  This syscall() comes before libc's,
+// for libuv too, and sends closes through the intercepted close().
 #if defined(__SANITIZE_THREAD__)
 
 #include <dlfcn.h>
