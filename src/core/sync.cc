@@ -5,14 +5,14 @@
 namespace zelsocket {
 
 Semaphore::Semaphore() {
-  if (uv_sem_init(&_sem, 0) != 0) throw new std::bad_alloc();
+  if (uv_sem_init(&_sem, 0) != 0) throw std::bad_alloc();
 }
 Semaphore::~Semaphore() { uv_sem_destroy(&_sem); }
 void Semaphore::Post() { uv_sem_post(&_sem); }
 void Semaphore::Wait() { uv_sem_wait(&_sem); }
 
 Rwlock::Rwlock() {
-  if (uv_rwlock_init(&_lock) != 0) throw new std::bad_alloc();
+  if (uv_rwlock_init(&_lock) != 0) throw std::bad_alloc();
 }
 Rwlock::~Rwlock() { uv_rwlock_destroy(&_lock); }
 void Rwlock::RLock() { uv_rwlock_rdlock(&_lock); }

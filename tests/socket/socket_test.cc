@@ -237,6 +237,31 @@ TEST_F(SocketTest, TcpRefusalsLibuvErrorsAndTheSendLimit) {
   for (long failedCtx : {4, 5, 7, 9}) EXPECT_LT(by[Ctx(failedCtx)].status, -1) << failedCtx;  // libuv's own errors
 }
 
+// The last release of a socket whose writes are stuck in flight (the peer
+// reads nothing), made on another thread, closes it on its loop thread at
+// once and lets its sink go.
+TEST_F(SocketTest, TcpReleasedElsewhereWithWritesInFlightLetsTheSinkGoPromptly) {
+  zstest::TcpEchoPeer deaf("127.0.0.1", true);
+  ASSERT_EQ(tcp->Connect(IPEndPoint("127.0.0.1", deaf.Port()), nullptr), 0);
+  ASSERT_TRUE(sink->Wait("connect", 1));
+  ASSERT_EQ(sink->Of("connect")[0].status, 0);
+  // Writes of 256 KiB, each sent when the last is reported, until one stays in
+  // flight: the peer's window and both buffers are full.
+  auto chunk = Buf(std::string(256 * 1024, 'x'));
+  size_t sent = 0;
+  for (; sent < 400; ++sent) {
+    ASSERT_EQ(tcp->Send(chunk, nullptr), 0);
+    if (!sink->Wait("send", sent + 1, std::chrono::milliseconds(300))) break;
+  }
+  ASSERT_LT(sent, 400u) << "100 MiB went out to a peer that reads nothing";
+  auto began = std::chrono::steady_clock::now();
+  std::thread([&] { tcp = nullptr; }).join();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(2));
+  auto references = [&] { return zstest::CountOf(static_cast<ITcpSink*>(sink.Get())); };
+  EXPECT_TRUE(zstest::WaitUntil([&] { return references() == 2; }, std::chrono::milliseconds(2000)))
+      << references() << " references: the test's, the UDP socket's and the TCP socket's";
+}
+
 // One receive at a time, refused in its report while another is armed or the
 // socket is closed; an empty datagram completes none; a sink may arm the next;
 // cancelled, a receive reports nothing and what comes meanwhile waits.  Every

@@ -71,6 +71,7 @@ class EchoPeer {
   unsigned short m_port = 0;
   std::atomic<int> m_received{0};
   std::function<bool(const std::string&)> m_answer;
+  bool m_deaf = false;
 };
 
 // Echoes each datagram unless `answer` (run on the peer's thread) says no.
@@ -95,11 +96,12 @@ class UdpEchoPeer : public EchoPeer {
 };
 
 // Accepts any number of connections and echoes what each sends, but closes
-// the connection on a read of kHangUp alone.
+// the connection on a read of kHangUp alone; a deaf peer reads nothing.
 class TcpEchoPeer : public EchoPeer {
  public:
   static constexpr char kHangUp = '\x04';
-  explicit TcpEchoPeer(const char* ip = "127.0.0.1") {
+  explicit TcpEchoPeer(const char* ip = "127.0.0.1", bool deaf = false) {
+    m_deaf = deaf;
     Run<uv_tcp_t>(ip, [this](uv_tcp_t* server, const sockaddr* addr) {
       uv_tcp_init(&m_loop, server);
       uv_tcp_bind(server, addr, 0);
@@ -108,6 +110,7 @@ class TcpEchoPeer : public EchoPeer {
         uv_tcp_init(s->loop, conn);
         if (status != 0 || uv_accept(s, reinterpret_cast<uv_stream_t*>(conn)) != 0)
           return uv_close(reinterpret_cast<uv_handle_t*>(conn), Free);
+        if (static_cast<TcpEchoPeer*>(s->data)->m_deaf) return;
         uv_read_start(reinterpret_cast<uv_stream_t*>(conn), Alloc, [](uv_stream_t* c, ssize_t n, const uv_buf_t* buf) {
           bool end = n < 0 || (n == 1 && buf->base[0] == kHangUp);
           if (n <= 0 || end) std::free(buf->base);
