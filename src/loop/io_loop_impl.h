@@ -95,7 +95,7 @@ class IOLoopImpl {
   IOLoop* m_owner;
   std::atomic<uv_loop_t*> m_uvLoop{nullptr};
   uv_thread_t m_thread{};
-  std::atomic<uv_thread_t> m_threadId{};
+  std::atomic<const void*> m_threadId{nullptr};  // the loop thread, or a thread standing in for it
   std::atomic<std::uint32_t> m_flags{0};
   uv_async_t* m_stopAsync = nullptr;
   std::unique_ptr<Semaphore> m_startSem;

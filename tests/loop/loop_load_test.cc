@@ -113,33 +113,29 @@ INSTANTIATE_TEST_SUITE_P(Floods, LoopFloodTest, ::testing::Values(Flood::kAnothe
 
 #if ZS_CHECKED_BUILD
 thread_local bool t_stallBeforeWake = false;
-Semaphore* g_stalled = nullptr;
-Semaphore* g_resume = nullptr;
+Semaphore g_stalled, g_resume;
 
 // A poster that stalls after queueing and before its wake-up: calls posted
 // meanwhile, from another thread or from the loop thread, still run at once.
 TEST(LoopWakeUp, APosterStalledBeforeItsWakeUpHoldsUpNobodyElse) {
   IOLoop loop;
   ASSERT_EQ(loop.Start(), 0);
-  Semaphore stalled, resume;
-  g_stalled = &stalled;
-  g_resume = &resume;
   seam::g_beforeCallWake = +[] {
-    if (t_stallBeforeWake) g_stalled->Post(), g_resume->Wait();
+    if (t_stallBeforeWake) g_stalled.Post(), g_resume.Wait();
   };
   std::atomic<bool> stalledRan{false};
   std::thread staller([&] {
     t_stallBeforeWake = true;
     loop.AsyncCall([&] { stalledRan = true; });
   });
-  stalled.Wait();
+  g_stalled.Wait();
   std::promise<void> fromLoop, fromThread;
   loop.DelayCall(1, [&] { loop.AsyncCall([&] { fromLoop.set_value(); }); });
   EXPECT_TRUE(fromLoop.get_future().wait_for(std::chrono::seconds(2)) == std::future_status::ready);
   loop.AsyncCall([&] { fromThread.set_value(); });
   EXPECT_TRUE(fromThread.get_future().wait_for(std::chrono::seconds(2)) == std::future_status::ready);
   EXPECT_TRUE(stalledRan);  // queued before the others, so served with them
-  resume.Post();
+  g_resume.Post();
   staller.join();
   seam::g_beforeCallWake = nullptr;
   loop.Stop();

@@ -142,10 +142,7 @@ TEST_P(FamilyTest, TcpEchoesInOrderToTheEndOfTheStream) {
     if (e.kind == "recv" && !e.data.empty()) tcp->Recv(Buf(), Ctx(next++));
   });
   for (size_t i = 0; i < parts.size(); ++i) ASSERT_EQ(tcp->Send(Buf(parts[i]), Ctx(10 + i)), 0);
-  OnLoop([&] {
-    tcp->Recv(Buf(), Ctx(next++));
-    tcp->Recv(Buf(), Ctx(next++));
-  });
+  OnLoop([&] { tcp->Recv(Buf(), Ctx(next++)), tcp->Recv(Buf(), Ctx(next++)); });
   const std::string all = parts[0] + parts[1] + parts[2] + parts[3];
   std::string echoed;
   ASSERT_TRUE(zstest::WaitUntil([&] {
