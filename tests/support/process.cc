@@ -32,24 +32,13 @@ ChildProcess::~ChildProcess() {
   if (!m_dir.empty()) std::filesystem::remove_all(m_dir, ignored);
 }
 
-const std::string& ScratchDir() {
-  static std::string made;  // one test per process under ctest; a new test, a new folder
-  const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-  std::string name = test ? std::string(test->test_suite_name()) + "." + test->name() : "no-test";
-  std::string dir = std::string(ZS_TEST_SCRATCH) + "/" + name + (InNamespace() ? ".ns" : "");
-  if (made != dir) {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
-    std::filesystem::create_directories(dir, ignored);
-    made = dir;
-  }
-  return made;
-}
-
 const std::string& ChildProcess::Dir() {
   if (m_dir.empty()) {
-    m_dir = ScratchDir() + "/child" + std::to_string(++s_made);
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    m_dir = std::string(ZS_TEST_SCRATCH) + "/" + test->test_suite_name() + "." + test->name() +
+            (InNamespace() ? ".ns" : "") + "/child" + std::to_string(++s_made);
     std::error_code ignored;
+    std::filesystem::remove_all(m_dir, ignored);
     std::filesystem::create_directories(m_dir, ignored);
   }
   return m_dir;

@@ -9,13 +9,11 @@
 
 namespace zstest {
 
-// A folder of the running test's own under the build tree, emptied at its first
-// use in a process: what a killed run left behind goes at the next run.
-const std::string& ScratchDir();
-
 // A child in a process group of its own, its output in a file of its folder
-// Dir() (under ScratchDir()); group killed and folder removed when the object
-// goes, and the child killed by the kernel if the test dies first.
+// Dir() (a folder of the running test's own under the build tree, emptied at its
+// first use: what a killed run left behind goes at the next run); group killed
+// and folder removed when the object goes, and the child killed by the kernel
+// if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
