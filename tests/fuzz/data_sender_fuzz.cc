@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "channel/data_sender.h"
@@ -17,8 +18,6 @@ using namespace zelsocket;
 namespace {
 
 std::uint64_t g_now = 0;
-std::uint64_t FakeTick() { return g_now; }
-std::int64_t FakeWallClock() { return static_cast<std::int64_t>(g_now / 1000); }
 
 #define CHECK(cond) \
   ((cond) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__), std::abort()))
@@ -27,26 +26,28 @@ struct ModelPacket {
   std::vector<int> intervals;
   int retry = 0;
   std::uint64_t due = 0;
-  int calls = 0;            // SendData calls expected so far
-  unsigned short port = 0;  // the destination it keeps once it has one; 0: none yet
+  int calls = 0;               // SendData calls expected so far
+  int seen = 0, accepted = 0;  // SendData calls made, and those the socket took
+  unsigned short port = 0;     // the destination it keeps once it has one; 0: none yet
   bool ended = false;
 };
 
 class Harness : public DataSender, public IDataSenderSink {
  public:
-  explicit Harness(IOLoop* loop) : DataSender(loop, FakeTick, FakeWallClock) { m_sink = this; }
+  explicit Harness(IOLoop* loop)
+      : DataSender(loop, [] { return g_now; }, [] { return std::int64_t(g_now / 1000); }) { m_sink = this; }
 
   int SendData(Packet* packet) override {
     auto it = model.find(packet->cookie);
     CHECK(it != model.end() && !it->second.ended);     // never a transmission after the end
     CHECK(packet->dest.GetPort() == it->second.port);  // a later destination is not its own
-    ++callsSeen[packet->cookie];
-    return refuse ? -1 : (++accepted[packet->cookie], 0);
+    ++it->second.seen;
+    return refuse ? -1 : (++it->second.accepted, 0);
   }
 
   void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
     auto it = model.find(cookie);
-    CHECK(it != model.end() && !it->second.ended && send == accepted[cookie]);
+    CHECK(it != model.end() && !it->second.ended && send == it->second.accepted);
     // Forced: where it stands; else the model must agree that its schedule ran out.
     CHECK(forcing ? retry == it->second.retry
                   : expiring.count(cookie) == 1 && retry == static_cast<int>(it->second.intervals.size()));
@@ -72,21 +73,14 @@ class Harness : public DataSender, public IDataSenderSink {
   // runs out are left in `expiring` for the sender to report.
   void ModelPass() {
     expiring.clear();
-    for (auto& [cookie, p] : model) {
-      while (!p.ended && p.due <= g_now) {
-        if (++p.retry >= static_cast<int>(p.intervals.size())) {
-          expiring[cookie] = true;
-          break;
-        }
-        ModelSendOnce(p);
-      }
-    }
+    for (auto& [cookie, p] : model)
+      while (!p.ended && p.due <= g_now && !expiring.count(cookie))
+        ++p.retry < static_cast<int>(p.intervals.size()) ? ModelSendOnce(p) : (void)expiring.insert(cookie);
   }
 
   bool Live(unsigned cookie) { return model.count(cookie) && !model[cookie].ended; }
   std::map<unsigned, ModelPacket> model;
-  std::map<unsigned, int> callsSeen, accepted;
-  std::map<unsigned, bool> expiring;
+  std::set<unsigned> expiring;
   bool refuse = false, forcing = false, cancelAllOnNextTimeout = false;
   int timeouts = 0;
 };
@@ -110,10 +104,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
         p.port = sender.m_dest.GetPort();
         for (int i = 0; i < count; ++i) p.intervals.push_back(next() * 4), option.AddSendInterval(p.intervals.back());
         bool expectOk = !sender.Live(cookie) && count > 0;
-        if (expectOk) {  // known before the call, which transmits at once
-          sender.model[cookie] = p;
-          sender.callsSeen[cookie] = sender.accepted[cookie] = 0;
-        }
+        if (expectOk) sender.model[cookie] = p;  // known before the call, which transmits at once
         CHECK(sender.SendPacket(payload, option, cookie, g_now) == expectOk);
         if (expectOk) sender.ModelSendOnce(sender.model[cookie]);
         break;
@@ -122,7 +113,8 @@ void Run(const std::uint8_t* data, std::size_t size) {
         unsigned cookie = next() % 16 + 1;
         int send = -1, retry = -1, live = sender.Live(cookie);
         CHECK(sender.CancelPacket(cookie, &send, &retry) == live);
-        CHECK(live ? send == sender.accepted[cookie] && retry == sender.model[cookie].retry : send == 0 && retry == 0);
+        CHECK(live ? send == sender.model[cookie].accepted && retry == sender.model[cookie].retry
+                   : send == 0 && retry == 0);
         if (live) sender.model[cookie].ended = true;
         break;
       }
@@ -131,7 +123,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
         sender.ModelPass();
         for (int guard = 0, before = -1; guard <= 17 && before != sender.timeouts; ++guard)  // 16 cookies at most
           before = sender.timeouts, sender.RunPassForTesting();
-        for (auto& [cookie, expired] : sender.expiring) CHECK(sender.model[cookie].ended);
+        for (unsigned cookie : sender.expiring) CHECK(sender.model[cookie].ended);
         break;
       }
       case 3:
@@ -162,7 +154,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
     // a pass may have missed transmissions the model counted.
     std::size_t live = 0;
     for (auto& [cookie, p] : sender.model) {
-      CHECK(p.ended ? sender.callsSeen[cookie] <= p.calls : sender.callsSeen[cookie] == p.calls);
+      CHECK(p.ended ? p.seen <= p.calls : p.seen == p.calls);
       live += !p.ended;
     }
     CHECK(sender.PacketCount() == live);
