@@ -53,10 +53,9 @@ TEST_P(EstimatorTest, AfterTheScriptTheScheduleHasLearned) {
   });
   AdaptiveSendStats stats;
   ASSERT_TRUE(GetAdaptiveSendStats(option, stats));
-  EXPECT_DOUBLE_EQ(row.srttMs, stats.srttMs);
-  EXPECT_DOUBLE_EQ(row.rttvarMs, stats.rttvarMs);
-  EXPECT_DOUBLE_EQ(row.rtoMs, stats.rtoMs);
-  EXPECT_EQ(row.backoff, stats.backoff);
+  // Whole microseconds over 1000: exactly the double of each row's literal.
+  EXPECT_EQ(std::make_tuple(stats.srttMs, stats.rttvarMs, stats.rtoMs, stats.backoff),
+            std::make_tuple(row.srttMs, row.rttvarMs, row.rtoMs, row.backoff));
   // As a plain schedule: ten waits of the RTO in whole milliseconds, rounded up.
   EXPECT_THROW(option->GetSendInterval(10), std::out_of_range);
   RefPtr<IChannelSendOption> plain;
@@ -89,11 +88,8 @@ INSTANTIATE_TEST_SUITE_P(
 // Waits of 100 ms, but 250 ms in all: the third wait is cut to end at the
 // deadline, and the packet times out there with its transmissions left over.
 TEST_F(AdaptiveScheduleTest, TheDeadlineCutsTheLastWait) {
-  AdaptiveSendConfig config;
-  config.initialTimeoutMs = 100;
-  config.deadlineMs = 250;
-  RefPtr<IChannelSendOption> option;
-  CreateAdaptiveSendOption(config, option);
+  RefPtr<IChannelSendOption> option;  // initial wait, min, max, count, deadline
+  ASSERT_TRUE(CreateAdaptiveSendOption(AdaptiveSendConfig{100, 1, 10000, 10, 250}, option));
   OnLoop([&] {
     FakeClockSender sender(&loop);
     const std::uint64_t start = g_tick;
@@ -126,11 +122,8 @@ TEST_F(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
   channel->SetSink(sink);
   ASSERT_EQ(0, channel->Connect("127.0.0.1", peer.Port(), nullptr));
   ASSERT_TRUE(sink->Wait("connect", 1));
-  AdaptiveSendConfig config;
-  config.initialTimeoutMs = 3000;
-  config.minTimeoutMs = 100;
-  RefPtr<IChannelSendOption> option;
-  CreateAdaptiveSendOption(config, option);
+  RefPtr<IChannelSendOption> option;  // initial wait, min
+  ASSERT_TRUE(CreateAdaptiveSendOption(AdaptiveSendConfig{3000, 100}, option));
   for (unsigned i = 1; i <= 6; ++i) {
     unsigned cookie = 0;
     ASSERT_EQ(0, channel->Send(zstest::Buf(std::to_string(i)), option, cookie));

@@ -174,9 +174,8 @@ TEST_F(ChannelTest, SenderDefaultTimelineItsLogLineAndTheFollowingPass) {
     if (platform::LocalTime(created, &local)) std::strftime(date, sizeof date, "%Y/%m/%d %H:%M:%S", &local);
     EXPECT_EQ(log.Count("timeout, cookie=7, retry=3, send=3, send-count=3, send-delay=5, recv-delay=15000, "
                         "total-delay=15005, send-time=" + std::string(date) + ",0,3,8"), 1);
-  });
-  zstest::Drain(loop);
-  OnLoop([&] {  // two packets due at once: a pass ends one, and the pass it posts at once the other
+    // Two packets due at once (no pass is posted before them: none was due): a
+    // pass ends one, and the pass it posts at once the other.
     sender->timeouts.clear();
     for (unsigned c : {20u, 21u}) EXPECT_TRUE(sender->SendPacket(zstest::Buf("req"), Schedule({100}), c, g_tick));
     g_tick += 100;
