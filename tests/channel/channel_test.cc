@@ -86,10 +86,7 @@ class FakeUdp : public IUdp, public RefCountBase {
   int SetSendBufferSize(unsigned int) override { return -1; }
   int SetRecvBufferSize(unsigned int) override { return -1; }
 
-  void CompleteSend(int status) {  // reports the oldest unreported datagram
-    Datagram d = sent[reported++];
-    if (sink) sink->OnSend(status, d.buffer, d.dest, d.ctx);
-  }
+  void CompleteSend(int status) { sink->OnSend(status, sent[0].buffer, sent[0].dest, sent[0].ctx); }  // the first
   void FailRecv(int status) {
     recvBuffer->Resize(0);
     if (sink) sink->OnRecv(status, recvBuffer, IPEndPoint(), nullptr);
@@ -107,7 +104,6 @@ class FakeUdp : public IUdp, public RefCountBase {
   Script config = next;
   std::vector<unsigned short> openPorts;
   std::vector<Datagram> sent;
-  size_t reported = 0;
   bool open = false;
 };
 
@@ -132,15 +128,15 @@ class ChannelTest : public zstest::LoopFixture {
     c->SetSink(sink);
     return c;
   }
-  void ConnectOk(IChannel* c, unsigned short port = 9000) {
+  void ConnectOk() {
     size_t before = sink->Count("connect");
-    ASSERT_EQ(c->Connect("127.0.0.1", port, nullptr), 0);
+    ASSERT_EQ(channel->Connect("127.0.0.1", 9000, nullptr), 0);
     ASSERT_TRUE(sink->Wait("connect", before + 1));
     ASSERT_EQ(sink->Of("connect").back().status, 0);
   }
-  unsigned SendOk(IChannelSendOption* option, IChannel* c = nullptr, IConstBuffer* data = zstest::Buf("req")) {
+  unsigned SendOk(IChannelSendOption* option, IConstBuffer* data = zstest::Buf("req")) {
     unsigned cookie = 0;
-    EXPECT_EQ((c ? c : channel.Get())->Send(data, option, cookie), 0);
+    EXPECT_EQ(channel->Send(data, option, cookie), 0);
     return cookie;
   }
   size_t SentBy(size_t socket) {  // datagrams the channel's socket was given
@@ -212,7 +208,7 @@ TEST_F(ChannelTest, RefusalsAndPacketsThatWaitForConnect) {
   sink->SetHook([&](const Event& e) {
     if (e.kind == "connect") sentAtConnect = FakeUdp::made[0]->sent.size();
   });
-  ConnectOk(channel);
+  ConnectOk();
   EXPECT_EQ(sentAtConnect, 2u);
 }
 
@@ -247,7 +243,7 @@ TEST_F(ChannelTest, ChangeDestMovesOnlyNewPackets) {
   IPEndPoint dest;
   EXPECT_EQ(channel->GetDestAddr(dest), 0);
   EXPECT_FALSE(dest.IsValid());
-  ConnectOk(channel, 9000);
+  ConnectOk();
   SendOk(Schedule({20, 10000}));
   EXPECT_EQ(channel->ChangeDest(IPEndPoint("127.0.0.2", 9001)), 0);
   SendOk(longSchedule);
@@ -270,9 +266,9 @@ TEST_F(ChannelTest, ReleasedResolvingStoppedOrConnected) {
     channel = NewChannel();
     const int resolving = how[0] == 'r' ? channel->Connect("held.test", 9000, nullptr) : 0;
     ASSERT_EQ(resolving, 0);
-    if (how[0] == 'c') ConnectOk(channel);
+    if (how[0] == 'c') ConnectOk();
     sink->Clear();
-    SendOk(longSchedule, channel, data);
+    SendOk(longSchedule, data);
     zstest::Drain(loop);
     const int stopped = how[0] == 's' ? loop.Stop() : 0;
     channel = nullptr;
@@ -296,7 +292,7 @@ TEST_F(ChannelTest, ReleasedResolvingStoppedOrConnected) {
 // pending, and null pointers are fine); ForceAllTimeout ends the rest inside the
 // call and keeps the socket; Close ends what is left silently.
 TEST_F(ChannelTest, CancelForceAllTimeoutAndClose) {
-  ConnectOk(channel);
+  ConnectOk();
   unsigned first = SendOk(longSchedule);
   SendOk(longSchedule);
   int retry = -1, send = -1;
@@ -323,7 +319,7 @@ TEST_F(ChannelTest, SocketFailureTimesEveryPacketOutThenCloses) {
   for (bool receiveFails : {false, true}) {
     sink->Clear();
     channel = NewChannel();
-    ConnectOk(channel);
+    ConnectOk();
     SendOk(longSchedule);
     SendOk(longSchedule);
     OnLoop([&] { receiveFails ? FakeUdp::made.back()->FailRecv(-104) : FakeUdp::made.back()->CompleteSend(-5); });
@@ -331,7 +327,7 @@ TEST_F(ChannelTest, SocketFailureTimesEveryPacketOutThenCloses) {
     SendOk(longSchedule);
     zstest::Drain(loop);
     EXPECT_EQ(SentBy(FakeUdp::made.size() - 1), 2u) << receiveFails;
-    ConnectOk(channel);
+    ConnectOk();
     EXPECT_EQ(SentBy(FakeUdp::made.size() - 1), 1u) << receiveFails;
   }
 }

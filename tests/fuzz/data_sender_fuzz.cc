@@ -142,11 +142,9 @@ void Run(const std::uint8_t* data, std::size_t size) {
           if (!p.ended) sender.ModelSendOnce(p);
         sender._ResendAllPacketsWhenResumeFromPause();
         break;
-      case 7: {  // none, or one of two ports
-        int port = next() % 3;
-        sender.m_dest = port == 0 ? IPEndPoint() : IPEndPoint("127.0.0.1", static_cast<unsigned short>(8 + port));
+      case 7:  // none (port 0 is no destination), or one of two ports
+        sender.m_dest = IPEndPoint("127.0.0.1", static_cast<unsigned short>(next() % 3 * 9));
         break;
-      }
       case 8: sender.refuse = !sender.refuse; break;
       default: sender.cancelAllOnNextTimeout = true; break;
     }

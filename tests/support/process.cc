@@ -45,7 +45,6 @@ const std::string& ChildProcess::Dir() {
 }
 
 std::string ChildProcess::Start(const std::vector<std::string>& argv) {
-  Kill();
   int out = open((Dir() + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (out < 0) return "needs a scratch file";
   std::vector<char*> args;  // built before fork: after it, only exec

@@ -9,11 +9,10 @@
 
 namespace zstest {
 
-// A child in a process group of its own, its output in a file of its folder
-// Dir() (a folder of the running test's own under the build tree, emptied at its
-// first use: what a killed run left behind goes at the next run); group killed
-// and folder removed when the object goes, and the child killed by the kernel
-// if the test dies first.
+// A child in a process group of its own, its output in a file of Dir() (a
+// folder of the test's own under the build tree, emptied at first use: what a
+// killed run left goes); group killed and folder removed when the object goes,
+// and the child killed by the kernel if the test dies first.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -23,11 +22,11 @@ class ChildProcess {
   std::string Start(const std::vector<std::string>& argv);  // empty once started, else why not
   bool Running();                                           // once false, ExitCode() says how it ended
   int ExitCode() const { return m_exit; }
-  void Kill();
   std::string Output();
   const std::string& Dir();
 
  private:
+  void Kill();
   int m_pid = -1, m_exit = -1;
   std::string m_dir;
   static inline int s_made = 0;
