@@ -202,8 +202,7 @@ TEST_F(ChannelTest, RefusalsAndPacketsThatWaitForConnect) {
   ASSERT_TRUE(sink->Wait("connect", 2));
   EXPECT_EQ(sink->Kinds(), (std::vector<std::string>{"timeout:0", "timeout:0", "connect:-1", "connect:-1"}));
   EXPECT_EQ(log.CountPrefix("timeout, cookie=2, retry=0, send=0, send-count=3,"), 1);  // the library's schedule
-  SendOk(longSchedule);
-  SendOk(longSchedule);
+  for (int i = 0; i < 2; ++i) SendOk(longSchedule);
   size_t sentAtConnect = 99;
   sink->SetHook([&](const Event& e) {
     if (e.kind == "connect") sentAtConnect = FakeUdp::made[0]->sent.size();
@@ -320,8 +319,7 @@ TEST_F(ChannelTest, SocketFailureTimesEveryPacketOutThenCloses) {
     sink->Clear();
     channel = NewChannel();
     ConnectOk();
-    SendOk(longSchedule);
-    SendOk(longSchedule);
+    for (int i = 0; i < 2; ++i) SendOk(longSchedule);
     OnLoop([&] { receiveFails ? FakeUdp::made.back()->FailRecv(-104) : FakeUdp::made.back()->CompleteSend(-5); });
     EXPECT_EQ(sink->Kinds(), (std::vector<std::string>{"connect:0", "timeout:1", "timeout:1", "close:0"}));
     SendOk(longSchedule);

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 #include <cstring>
+#include <future>
 #include <mutex>
-#include <thread>
 
 #include "support/test_support.h"
 
@@ -96,12 +96,10 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
 
   // Concurrent first lookups of a family walk once between them and share the record.
   NonLspSocketFactory fresh(fake);
-  const ProtocolInfoW* other = nullptr;
-  std::thread thread([&] { other = fresh._GetProviderInfo(AF_INET6); });
+  auto other = std::async(std::launch::async, [&] { return fresh._GetProviderInfo(AF_INET6); });
   const ProtocolInfoW* mine = fresh._GetProviderInfo(AF_INET6);
-  thread.join();
+  EXPECT_EQ(mine, other.get());
   EXPECT_EQ(fake.offered.size(), 3u + 1);
-  EXPECT_EQ(mine, other);
   ASSERT_NE(mine, nullptr);
   EXPECT_EQ(mine->dwCatalogEntryId, 1004u);  // the IPv4 base id does not count for IPv6
   fake.listingStuck = true;  // a walk that cannot get on has failed, and the listing says so
