@@ -58,12 +58,11 @@ TEST_P(EstimatorTest, AfterTheScriptTheScheduleHasLearned) {
             std::make_tuple(row.srttMs, row.rttvarMs, row.rtoMs, row.backoff));
   // As a plain schedule: ten waits of the RTO in whole milliseconds, rounded up.
   EXPECT_THROW(option->GetSendInterval(10), std::out_of_range);
-  RefPtr<IChannelSendOption> plain;
-  CreateChannelSendOption(plain);
-  plain->AddSendInterval(7);  // replaced, not kept
+  ChannelSendOption plain;
+  plain.AddSendInterval(7);  // replaced, not kept
   option->CopyTo(nullptr);
   option->CopyTo(plain);
-  EXPECT_EQ(std::make_tuple(plain->IsValid(), plain->GetSendCount(), plain->GetSendInterval(9)),
+  EXPECT_EQ(std::make_tuple(plain.IsValid(), plain.GetSendCount(), plain.GetSendInterval(9)),
             std::make_tuple(true, 10, static_cast<int>(row.rtoMs)));
 }
 

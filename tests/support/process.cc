@@ -86,8 +86,7 @@ std::string ChildProcess::Output() {
 void RerunInNamespace(std::chrono::seconds timeout) {
   const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
   ChildProcess child;
-  std::error_code error;
-  std::string self = std::filesystem::read_symlink("/proc/self/exe", error).string();
+  std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   std::ofstream(child.Dir() + "/resolv.conf") << "nameserver 127.0.0.1\n";
   // 77 where the namespaces, loopback or the mount are refused.  The child's
   // resolver asks the namespace's own server.
