@@ -81,8 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
             2},
         Row{"each timeout doubles", 1, 10000, "t t", 0, 0, 8000, 3},
         Row{"the minimum", 500, 10000, "a40", 40, 20, 500, 0},
-        Row{"the maximum, backoff included", 1, 200, "a40 r r", 40, 20, 200, 1}),
-    [](const ::testing::TestParamInfo<Row>& info) { return "row" + std::to_string(info.index); });
+        Row{"the maximum, backoff included", 1, 200, "a40 r r", 40, 20, 200, 1}));
 
 // Waits of 100 ms, but 250 ms in all: the third wait is cut to end at the
 // deadline, and the packet times out there with its transmissions left over.
