@@ -86,7 +86,7 @@ class FakeUdp : public IUdp, public RefCountBase {
   int SetSendBufferSize(unsigned int) override { return -1; }
   int SetRecvBufferSize(unsigned int) override { return -1; }
 
-  void CompleteSend(int status) { sink->OnSend(status, sent[0].buffer, sent[0].dest, sent[0].ctx); }  // the first
+  void CompleteSend(int status) { sink->OnSend(status, sent[0].buffer, sent[0].dest, sent[0].ctx); }  // the first one
   void FailRecv(int status) {
     recvBuffer->Resize(0);
     if (sink) sink->OnRecv(status, recvBuffer, IPEndPoint(), nullptr);

@@ -1,5 +1,5 @@
 // The retransmission engine on a fake clock: its own timer finds nothing due
-// until the test moves the clock and runs a pass.
+// until the test moves the clock and runs a pass (the fuzz target checks each packet's counts).
 #ifndef ZELSOCKET_TESTS_CHANNEL_FAKE_CLOCK_SENDER_H
 #define ZELSOCKET_TESTS_CHANNEL_FAKE_CLOCK_SENDER_H
 

@@ -18,6 +18,8 @@ using namespace zelsocket;
 namespace {
 
 std::uint64_t g_now = 0;
+std::uint64_t FakeTick() { return g_now; }
+std::int64_t FakeWallClock() { return static_cast<std::int64_t>(g_now / 1000); }
 
 #define CHECK(cond) \
   ((cond) ? (void)0 : (std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__), std::abort()))
@@ -34,8 +36,7 @@ struct ModelPacket {
 
 class Harness : public DataSender, public IDataSenderSink {
  public:
-  explicit Harness(IOLoop* loop)
-      : DataSender(loop, [] { return g_now; }, [] { return std::int64_t(g_now / 1000); }) { m_sink = this; }
+  explicit Harness(IOLoop* loop) : DataSender(loop, FakeTick, FakeWallClock) { m_sink = this; }
 
   int SendData(Packet* packet) override {
     auto it = model.find(packet->cookie);
