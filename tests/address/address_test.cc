@@ -59,12 +59,11 @@ TEST(IPAddressTest, EqualityAndTheStatics) {
 // block; a raw address keeps its scope, and one of another family unsets the value.
 TEST(IPEndPointTest, PortsFamiliesAndRawAddresses) {
   IPEndPoint any(IPAddress::Any, 0), six("::1", 443), copy("10.0.0.1", 7);
-  EXPECT_FALSE(any.IsValid());
-  EXPECT_EQ(any.GetSockAddr()->sa_family, AF_INET);
-  EXPECT_EQ(reinterpret_cast<const sockaddr_in6*>(six.GetSockAddr())->sin6_port, htons(443));
+  sockaddr_in6 raw = *reinterpret_cast<const sockaddr_in6*>(six.GetSockAddr());
+  EXPECT_EQ(std::make_tuple(any.IsValid(), any.GetSockAddr()->sa_family, raw.sin6_port),
+            std::make_tuple(false, AF_INET, htons(443)));
   EXPECT_FALSE(copy.FromIPPort(IPAddress(), 7));
   EXPECT_EQ(copy.GetSockAddr()->sa_family, 0);
-  sockaddr_in6 raw = *reinterpret_cast<const sockaddr_in6*>(six.GetSockAddr());
   raw.sin6_scope_id = 3;
   ASSERT_TRUE(copy.FromSockaddr(reinterpret_cast<sockaddr*>(&raw)));
   EXPECT_EQ(reinterpret_cast<const sockaddr_in6*>(copy.GetSockAddr())->sin6_scope_id, 3u);

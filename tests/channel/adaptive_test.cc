@@ -8,7 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "channel/data_sender.h"
+#include "channel/fake_clock_sender.h"
 #include "core/platform.h"
 #include "support/peers.h"
 #include "support/recorder.h"
@@ -17,21 +17,6 @@
 
 namespace zelsocket {
 namespace {
-
-std::uint64_t g_ms = 5000000;
-
-class FakeClockSender : public DataSender, public IDataSenderSink {
- public:
-  explicit FakeClockSender(IOLoop* loop) : DataSender(loop, [] { return g_ms; }, nullptr) {
-    m_sink = this;
-    m_paused = false;
-    m_dest = IPEndPoint("127.0.0.1", 4000);
-  }
-  int SendData(Packet*) override { return ++sent, 0; }
-  void OnPacketTimeout(unsigned int, int, int send) override { timeouts.push_back({g_ms, send}); }
-  int sent = 0;
-  std::vector<std::pair<std::uint64_t, int>> timeouts;  // when, transmissions
-};
 
 struct Row {
   const char* what;
@@ -44,46 +29,41 @@ struct Row {
 void PrintTo(const Row& row, std::ostream* out) { *out << row.what; }
 std::string Times(const std::string& s, int n) { return n > 0 ? s + Times(s, n - 1) : ""; }
 
-class EstimatorTest : public ::testing::TestWithParam<Row> {};
+class EstimatorTest : public zstest::LoopFixture, public ::testing::WithParamInterface<Row> {};
+using AdaptiveScheduleTest = zstest::LoopFixture;
 
 TEST_P(EstimatorTest, AfterTheScriptTheScheduleHasLearned) {
-  IOLoop loop;
-  ASSERT_EQ(0, loop.Start());
   const Row& row = GetParam();
   AdaptiveSendConfig config;
   config.minTimeoutMs = row.minMs;
   config.maxTimeoutMs = row.maxMs;
   RefPtr<IChannelSendOption> option;
   ASSERT_TRUE(CreateAdaptiveSendOption(config, option));
-  loop.SyncCall([&] {
+  OnLoop([&] {
     FakeClockSender sender(&loop);
     std::istringstream script(row.script);
     unsigned cookie = 0;
     int send = 0, retry = 0;
     for (std::string step; script >> step;) {
-      ASSERT_TRUE(sender.SendPacket(zstest::Buf("q"), option, ++cookie, g_ms));
-      g_ms += step[0] == 'a' ? std::stoul(step.substr(1)) : step[0] == 'r' ? 5000 : 20000;
+      ASSERT_TRUE(sender.SendPacket(zstest::Buf("q"), option, ++cookie, g_tick));
+      g_tick += step[0] == 'a' ? std::stoul(step.substr(1)) : step[0] == 'r' ? 5000 : 20000;
       if (step[0] != 'a') sender.RunPassForTesting();
       sender.CancelPacket(cookie, &send, &retry);
     }
   });
   AdaptiveSendStats stats;
   ASSERT_TRUE(GetAdaptiveSendStats(option, stats));
-  EXPECT_DOUBLE_EQ(row.srttMs, stats.srttMs);
-  EXPECT_DOUBLE_EQ(row.rttvarMs, stats.rttvarMs);
-  EXPECT_DOUBLE_EQ(row.rtoMs, stats.rtoMs);
-  EXPECT_EQ(row.backoff, stats.backoff);
+  // Whole microseconds over 1000: exactly the double of each row's literal.
+  EXPECT_EQ(std::make_tuple(stats.srttMs, stats.rttvarMs, stats.rtoMs, stats.backoff),
+            std::make_tuple(row.srttMs, row.rttvarMs, row.rtoMs, row.backoff));
   // As a plain schedule: ten waits of the RTO in whole milliseconds, rounded up.
   EXPECT_THROW(option->GetSendInterval(10), std::out_of_range);
-  RefPtr<IChannelSendOption> plain;
-  CreateChannelSendOption(plain);
-  plain->AddSendInterval(7);  // replaced, not kept
+  ChannelSendOption plain;
+  plain.AddSendInterval(7);  // replaced, not kept
   option->CopyTo(nullptr);
   option->CopyTo(plain);
-  EXPECT_TRUE(plain->IsValid());
-  EXPECT_EQ(10, plain->GetSendCount());
-  EXPECT_EQ(static_cast<int>(row.rtoMs), plain->GetSendInterval(9));
-  EXPECT_EQ(loop.Stop(), 0);
+  EXPECT_EQ(std::make_tuple(plain.IsValid(), plain.GetSendCount(), plain.GetSendInterval(9)),
+            std::make_tuple(true, 10, static_cast<int>(row.rtoMs)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -101,36 +81,27 @@ INSTANTIATE_TEST_SUITE_P(
             2},
         Row{"each timeout doubles", 1, 10000, "t t", 0, 0, 8000, 3},
         Row{"the minimum", 500, 10000, "a40", 40, 20, 500, 0},
-        Row{"the maximum, backoff included", 1, 200, "a40 r r", 40, 20, 200, 1}),
-    [](const ::testing::TestParamInfo<Row>& info) { return "row" + std::to_string(info.index); });
+        Row{"the maximum, backoff included", 1, 200, "a40 r r", 40, 20, 200, 1}));
 
 // Waits of 100 ms, but 250 ms in all: the third wait is cut to end at the
 // deadline, and the packet times out there with its transmissions left over.
-TEST(AdaptiveScheduleTest, TheDeadlineCutsTheLastWait) {
-  IOLoop loop;
-  ASSERT_EQ(0, loop.Start());
-  AdaptiveSendConfig config;
-  config.initialTimeoutMs = 100;
-  config.deadlineMs = 250;
-  RefPtr<IChannelSendOption> option;
-  CreateAdaptiveSendOption(config, option);
-  loop.SyncCall([&] {
+TEST_F(AdaptiveScheduleTest, TheDeadlineCutsTheLastWait) {
+  RefPtr<IChannelSendOption> option;  // initial wait, min, max, count, deadline
+  ASSERT_TRUE(CreateAdaptiveSendOption(AdaptiveSendConfig{100, 1, 10000, 10, 250}, option));
+  OnLoop([&] {
     FakeClockSender sender(&loop);
-    const std::uint64_t start = g_ms;
-    sender.SendPacket(zstest::Buf("q"), option, 1, g_ms);
-    for (int step = 0; step < 10; ++step) g_ms += 50, sender.RunPassForTesting();
-    ASSERT_EQ(1u, sender.timeouts.size());
-    EXPECT_EQ(250u, sender.timeouts[0].first - start);
-    EXPECT_EQ(3, sender.timeouts[0].second);
+    const std::uint64_t start = g_tick;
+    sender.SendPacket(zstest::Buf("q"), option, 1, g_tick);
+    for (int step = 0; step < 10; ++step) g_tick += 50, sender.RunPassForTesting();
+    EXPECT_EQ(sender.timeouts, (std::vector<Timeout>{{1, 3, 3, start + 250}}));
   });
-  EXPECT_EQ(loop.Stop(), 0);
 }
 
 // Five requests answered at once over loopback teach the shortest wait allowed,
 // 100 ms (a minimum that a slow sanitizer or emulator does not reach, so no
 // answer comes late); the peer then loses the first transmission of the sixth,
 // which comes again after that wait, not after the initial 3 s.
-TEST(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
+TEST_F(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
   std::atomic<int> arrivals{0}, answered{0};
   std::atomic<std::uint64_t> firstUs{0}, secondUs{0};
   zstest::UdpEchoPeer peer([&](const std::string& data) {
@@ -138,11 +109,8 @@ TEST(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
     (++arrivals == 1 ? firstUs : secondUs) = platform::TickUs();
     return arrivals > 1;
   });
-  IOLoop loop;
-  ASSERT_EQ(0, loop.Start());
   RefPtr<IChannel> channel;
   CreateUdpChannel(channel, &loop);
-  auto sink = zstest::NewRecorder();
   // The request's text is its cookie; the answer ends it on the loop thread, at once.
   sink->SetHook([&](const zstest::Event& e) {
     int send = 0;
@@ -152,11 +120,8 @@ TEST(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
   channel->SetSink(sink);
   ASSERT_EQ(0, channel->Connect("127.0.0.1", peer.Port(), nullptr));
   ASSERT_TRUE(sink->Wait("connect", 1));
-  AdaptiveSendConfig config;
-  config.initialTimeoutMs = 3000;
-  config.minTimeoutMs = 100;
-  RefPtr<IChannelSendOption> option;
-  CreateAdaptiveSendOption(config, option);
+  RefPtr<IChannelSendOption> option;  // initial wait, min
+  ASSERT_TRUE(CreateAdaptiveSendOption(AdaptiveSendConfig{3000, 100}, option));
   for (unsigned i = 1; i <= 6; ++i) {
     unsigned cookie = 0;
     ASSERT_EQ(0, channel->Send(zstest::Buf(std::to_string(i)), option, cookie));
@@ -167,15 +132,12 @@ TEST(AdaptiveScheduleTest, ALostRequestComesAgainAfterTheLearnedWait) {
   const double gapMs = static_cast<double>(secondUs - firstUs) / 1000;
   EXPECT_LT(gapMs, 1500);
   EXPECT_GE(gapMs, 0.5 * stats.rtoMs);  // not before the wait (the first copy may reach the peer late)
-  EXPECT_TRUE(stats.adaptive);
-  EXPECT_EQ(7u, stats.transmissions);
-  EXPECT_EQ(1u, stats.retransmissions);
-  EXPECT_EQ(6u, stats.cancelled);
+  EXPECT_EQ(std::make_tuple(stats.adaptive, stats.transmissions, stats.retransmissions, stats.cancelled),
+            std::make_tuple(true, 7ull, 1ull, 6ull));
   EXPECT_GT(stats.latencyP99Ms, 0.9 * gapMs);  // the sixth answer came after the gap
   EXPECT_LT(stats.latencyP50Ms, stats.rtoMs);
   channel->Close();
   channel = nullptr;
-  EXPECT_EQ(0, loop.Stop());
 }
 
 }  // namespace

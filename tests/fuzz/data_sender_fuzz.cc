@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "channel/data_sender.h"
@@ -27,8 +28,9 @@ struct ModelPacket {
   std::vector<int> intervals;
   int retry = 0;
   std::uint64_t due = 0;
-  int calls = 0;            // SendData calls expected so far
-  unsigned short port = 0;  // the destination it keeps once it has one; 0: none yet
+  int calls = 0;               // SendData calls expected so far
+  int seen = 0, accepted = 0;  // SendData calls made, and those the socket took
+  unsigned short port = 0;     // the destination it keeps once it has one; 0: none yet
   bool ended = false;
 };
 
@@ -40,13 +42,13 @@ class Harness : public DataSender, public IDataSenderSink {
     auto it = model.find(packet->cookie);
     CHECK(it != model.end() && !it->second.ended);     // never a transmission after the end
     CHECK(packet->dest.GetPort() == it->second.port);  // a later destination is not its own
-    ++callsSeen[packet->cookie];
-    return refuse ? -1 : (++accepted[packet->cookie], 0);
+    ++it->second.seen;
+    return refuse ? -1 : (++it->second.accepted, 0);
   }
 
   void OnPacketTimeout(unsigned int cookie, int retry, int send) override {
     auto it = model.find(cookie);
-    CHECK(it != model.end() && !it->second.ended && send == accepted[cookie]);
+    CHECK(it != model.end() && !it->second.ended && send == it->second.accepted);
     // Forced: where it stands; else the model must agree that its schedule ran out.
     CHECK(forcing ? retry == it->second.retry
                   : expiring.count(cookie) == 1 && retry == static_cast<int>(it->second.intervals.size()));
@@ -72,21 +74,14 @@ class Harness : public DataSender, public IDataSenderSink {
   // runs out are left in `expiring` for the sender to report.
   void ModelPass() {
     expiring.clear();
-    for (auto& [cookie, p] : model) {
-      while (!p.ended && p.due <= g_now) {
-        if (++p.retry >= static_cast<int>(p.intervals.size())) {
-          expiring[cookie] = true;
-          break;
-        }
-        ModelSendOnce(p);
-      }
-    }
+    for (auto& [cookie, p] : model)
+      while (!p.ended && p.due <= g_now && !expiring.count(cookie))
+        ++p.retry < static_cast<int>(p.intervals.size()) ? ModelSendOnce(p) : (void)expiring.insert(cookie);
   }
 
   bool Live(unsigned cookie) { return model.count(cookie) && !model[cookie].ended; }
   std::map<unsigned, ModelPacket> model;
-  std::map<unsigned, int> callsSeen, accepted;
-  std::map<unsigned, bool> expiring;
+  std::set<unsigned> expiring;
   bool refuse = false, forcing = false, cancelAllOnNextTimeout = false;
   int timeouts = 0;
 };
@@ -110,10 +105,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
         p.port = sender.m_dest.GetPort();
         for (int i = 0; i < count; ++i) p.intervals.push_back(next() * 4), option.AddSendInterval(p.intervals.back());
         bool expectOk = !sender.Live(cookie) && count > 0;
-        if (expectOk) {  // known before the call, which transmits at once
-          sender.model[cookie] = p;
-          sender.callsSeen[cookie] = sender.accepted[cookie] = 0;
-        }
+        if (expectOk) sender.model[cookie] = p;  // known before the call, which transmits at once
         CHECK(sender.SendPacket(payload, option, cookie, g_now) == expectOk);
         if (expectOk) sender.ModelSendOnce(sender.model[cookie]);
         break;
@@ -122,7 +114,8 @@ void Run(const std::uint8_t* data, std::size_t size) {
         unsigned cookie = next() % 16 + 1;
         int send = -1, retry = -1, live = sender.Live(cookie);
         CHECK(sender.CancelPacket(cookie, &send, &retry) == live);
-        CHECK(live ? send == sender.accepted[cookie] && retry == sender.model[cookie].retry : send == 0 && retry == 0);
+        CHECK(live ? send == sender.model[cookie].accepted && retry == sender.model[cookie].retry
+                   : send == 0 && retry == 0);
         if (live) sender.model[cookie].ended = true;
         break;
       }
@@ -131,7 +124,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
         sender.ModelPass();
         for (int guard = 0, before = -1; guard <= 17 && before != sender.timeouts; ++guard)  // 16 cookies at most
           before = sender.timeouts, sender.RunPassForTesting();
-        for (auto& [cookie, expired] : sender.expiring) CHECK(sender.model[cookie].ended);
+        for (unsigned cookie : sender.expiring) CHECK(sender.model[cookie].ended);
         break;
       }
       case 3:
@@ -150,11 +143,9 @@ void Run(const std::uint8_t* data, std::size_t size) {
           if (!p.ended) sender.ModelSendOnce(p);
         sender._ResendAllPacketsWhenResumeFromPause();
         break;
-      case 7: {  // none, or one of two ports
-        int port = next() % 3;
-        sender.m_dest = port == 0 ? IPEndPoint() : IPEndPoint("127.0.0.1", static_cast<unsigned short>(8 + port));
+      case 7:  // none (port 0 is no destination), or one of two ports
+        sender.m_dest = IPEndPoint("127.0.0.1", static_cast<unsigned short>(next() % 3 * 9));
         break;
-      }
       case 8: sender.refuse = !sender.refuse; break;
       default: sender.cancelAllOnNextTimeout = true; break;
     }
@@ -162,7 +153,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
     // a pass may have missed transmissions the model counted.
     std::size_t live = 0;
     for (auto& [cookie, p] : sender.model) {
-      CHECK(p.ended ? sender.callsSeen[cookie] <= p.calls : sender.callsSeen[cookie] == p.calls);
+      CHECK(p.ended ? p.seen <= p.calls : p.seen == p.calls);
       live += !p.ended;
     }
     CHECK(sender.PacketCount() == live);

@@ -4,11 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <future>
 #include <mutex>
-#include <thread>
 
 #include "support/test_support.h"
 
@@ -28,11 +27,10 @@ ProtocolInfoW Entry(const ProviderGuid& id, unsigned entryId, int af, int chainL
 }
 
 // `demands`: the lengths that successive walks claim to need before one fits
-// (a catalogue that grows while it is read).  Creations are logged as text.
+// (a catalogue that grows while it is read), and what each walk was `offered`.
 struct FakePlatform : INonLspPlatform {
   std::vector<ProtocolInfoW> catalogue;
   std::vector<EnumLength> demands, offered;
-  std::atomic<int> walks{0};
   bool refuseWSASocket = false, listingStuck = false;
   int refuseProtocol = -1;  // of plain sockets; -2: every one
   std::mutex mutex;
@@ -40,7 +38,6 @@ struct FakePlatform : INonLspPlatform {
   int lastError = 0;
 
   int WSAEnumProtocolsW(int*, ProtocolInfoW* buffer, EnumLength* length) override {
-    walks++;
     std::lock_guard<std::mutex> lock(mutex);
     offered.push_back(*length);
     EnumLength needed = static_cast<EnumLength>(catalogue.size() * sizeof(ProtocolInfoW));
@@ -68,8 +65,7 @@ struct FakePlatform : INonLspPlatform {
   }
   SocketHandle Socket(int af, int type, int protocol) override {
     Log("S", af, type, protocol, "");
-    lastError = 10043;
-    return refuseProtocol == -2 || refuseProtocol == protocol ? kInvalidSocket : 200 + protocol;
+    return (lastError = 10043, refuseProtocol == -2 || refuseProtocol == protocol ? kInvalidSocket : 200 + protocol);
   }
   void Log(const char* what, int af, int type, int protocol, const std::string& tail) {
     std::lock_guard<std::mutex> lock(mutex);
@@ -100,12 +96,10 @@ TEST(NonLspSocketTest, GrowsTheBufferAndPicksTheBaseEntryPastLayeredOnes) {
 
   // Concurrent first lookups of a family walk once between them and share the record.
   NonLspSocketFactory fresh(fake);
-  const ProtocolInfoW* other = nullptr;
-  std::thread thread([&] { other = fresh._GetProviderInfo(AF_INET6); });
+  auto other = std::async(std::launch::async, [&] { return fresh._GetProviderInfo(AF_INET6); });
   const ProtocolInfoW* mine = fresh._GetProviderInfo(AF_INET6);
-  thread.join();
-  EXPECT_EQ(fake.walks.load(), 3 + 1);
-  EXPECT_EQ(mine, other);
+  EXPECT_EQ(mine, other.get());
+  EXPECT_EQ(fake.offered.size(), 3u + 1);
   ASSERT_NE(mine, nullptr);
   EXPECT_EQ(mine->dwCatalogEntryId, 1004u);  // the IPv4 base id does not count for IPv6
   fake.listingStuck = true;  // a walk that cannot get on has failed, and the listing says so
@@ -137,7 +131,7 @@ TEST(NonLspSocketTest, FallbackChainAndTheKeptOutcomeOfTheLookup) {
     std::vector<std::string> twice(c.creations);
     twice.insert(twice.end(), c.creations.begin(), c.creations.end());
     EXPECT_EQ(fake.creations, twice);
-    EXPECT_EQ(fake.walks.load(), c.af == 0 ? 0 : 1);  // family 0 never walks
+    EXPECT_EQ(fake.offered.size(), c.af == 0 ? 0u : 1u);  // family 0 never walks
     const std::string failed = "CreateNonLSPSocket, _GetBaseProviderInfo fail, af=" + std::to_string(c.af) +
                                ", type=2, protocol=17, Protocol List:\nEntryId=9, Name=entry, ChainLen=1, Version=0, "
                                "AF=2, SockType=2, Protocol=17, Guid={E70F1AA0-AB8B-11CF-8CA3-00805F48A192}\n\n";

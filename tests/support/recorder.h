@@ -22,14 +22,12 @@ using zelsocket::IMutableBuffer;
 using zelsocket::IPEndPoint;
 
 struct Event {
-  Event(std::string k = "", int s = 0, unsigned c = 0, std::string d = "", IPEndPoint a = {}, void* x = nullptr)
-      : kind(std::move(k)), status(s), cookie(c), data(std::move(d)), address(a), ctx(x) {}
   std::string kind;  // connect, send, recv, timeout, close, resolve
-  int status;        // a channel's timeout: its send count
-  unsigned cookie;
-  std::string data;  // bytes sent or received; the host of a resolution
-  IPEndPoint address;
-  void* ctx;
+  int status = 0;    // a channel's timeout: its send count
+  unsigned cookie = 0;
+  std::string data{};  // bytes sent or received; the host of a resolution
+  IPEndPoint address{};
+  void* ctx = nullptr;
   bool onLoop = false;  // recorded on a loop thread
 };
 
