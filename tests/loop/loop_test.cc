@@ -1,27 +1,42 @@
-// The loop thread, Async, Timer and pool jobs: order, refusals, and what a stop or release leaves.
+// The loop thread, Async, Timer and pool jobs: order, refusals, what a stop or
+// release leaves; then under load: floods, stalled and preempted posters.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <tuple>
 
+#include "core/check.h"
 #include "support/recorder.h"
 #include "zelsocket/async.h"
 #include "zelsocket/io_loop.h"
 #include "zelsocket/sync.h"
 #include "zelsocket/timer.h"
+#include "zelsocket/udp.h"
 #include "zelsocket/work.h"
+
+#ifdef __linux__
+#include <pthread.h>
+#include <sched.h>
+#endif
 
 namespace zelsocket {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 using Trace = std::vector<std::string>;
 using F = std::function<void()>;
 
+void SpinFor(std::chrono::microseconds d) {
+  for (auto end = Clock::now() + d; Clock::now() < end;) {
+  }
+}
+
 long MsSince(Clock::time_point t) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+  return static_cast<long>(std::chrono::duration_cast<milliseconds>(Clock::now() - t).count());
 }
 
 // Sized once per process, at its first use: a test can then occupy the whole pool.
@@ -199,11 +214,9 @@ TEST_F(LoopTest, DelayedCallsAndTimersRunInDueOrderAndOnTime) {
   EXPECT_LT(MsSince(start), 8 * (7 + 12));
 }
 
-// A stop that begins while a call runs lets it finish and starts nothing more,
-// though the rest were served in the same turn: 2,000 calls of 200 us, then
-// calls of every kind, are dropped without running.  Captures and references
-// are let go on the loop thread, callbacks told, a waiting SyncCall returns,
-// the log counts what there was, and the stop takes about the running call's time.
+// A stop that begins while a call runs starts nothing more of its turn: 2,000
+// calls of 200 us and calls of every kind are dropped, released on the loop
+// thread, counted in the log; callbacks are told and a waiting SyncCall returns.
 TEST_F(LoopTest, StopDropsWhatIsQueuedAndReleasesIt) {
   zstest::LogRecorder log;
   auto* cb = new Callback();
@@ -231,12 +244,7 @@ TEST_F(LoopTest, StopDropsWhatIsQueuedAndReleasesIt) {
       running.Post();
       EXPECT_TRUE(zstest::WaitUntil([&] { return loop.AsyncCall([] {}) == -1 || (++accepted, false); }));
     });
-    for (int i = 0; i < 2000; ++i)
-      loop.AsyncCall([&ran, token] {
-        for (auto end = Clock::now() + std::chrono::microseconds(200); Clock::now() < end;) {
-        }
-        ++ran;
-      });
+    for (int i = 0; i < 2000; ++i) loop.AsyncCall([&ran, token] { SpinFor(std::chrono::microseconds(200)), ++ran; });
     loop.AsyncCall([&ran, token] { ++ran; });
     for (int& t : tag) loop.AsyncCall(cb, &t);
     async.AsyncCall([&ran, token] { ++ran; });
@@ -428,6 +436,177 @@ TEST_F(LoopTest, StopLeavesStuckJobsDropsEveryReportAndReleasesEverything) {
   EXPECT_EQ(cb->dropped.size(), 1u);
   EXPECT_EQ(cb->Release(), 0);
   EXPECT_EQ(seq.QueueWork([] {}, [](int) {}), -1);  // not stuck waiting for ever
+}
+
+// ---- Under load ------------------------------------------------------------
+
+milliseconds LongestGap(std::vector<Clock::time_point> times) {
+  milliseconds longest{0};
+  for (size_t i = 1; i < times.size(); ++i)
+    longest = std::max(longest, std::chrono::duration_cast<milliseconds>(times[i] - times[i - 1]));
+  return longest;
+}
+
+enum class Flood { kAnotherThread, kTargetsThatPostTwo };
+
+class LoopFloodTest : public ::testing::TestWithParam<Flood> {};
+
+// About twice the work the loop can do, for as long as it takes a 20 ms timer
+// to fire 25 times and a socket to receive 50 datagrams sent every 5 ms; each
+// call spins for 100 us.  Neither waits much longer than its period.
+TEST_P(LoopFloodTest, TimersAndIoKeepTheirTurn) {
+  IOLoop loop, peer;
+  ASSERT_EQ(loop.Start(), 0);
+  ASSERT_EQ(peer.Start(), 0);
+  auto arrivals = zstest::NewRecorder();
+  zstest::Trace<Clock::time_point> arrived, ticks;
+  arrivals->SetHook([&](const zstest::Event& e) { if (e.kind == "recv") arrived.Add(Clock::now()); });
+  RefPtr<IUdp> receiver, sender;
+  ASSERT_TRUE(CreateUdp(receiver, &loop));
+  ASSERT_TRUE(CreateUdp(sender, &peer));
+  receiver->SetSink(arrivals);
+  ASSERT_EQ(receiver->Open(IPEndPoint(IPAddress::Loopback, 0)), 0);
+  IPEndPoint to;
+  ASSERT_EQ(receiver->GetLocalAddress(to), 0);
+  ASSERT_EQ(receiver->StartRecv(zstest::Buf(), nullptr), 0);
+  Timer sending(&peer), ticking(&loop);
+  ASSERT_EQ(sending.SetTimeout(5, 5, [&] { sender->Send(zstest::Buf("ping"), to, nullptr); }), 0);
+  ASSERT_EQ(ticking.SetTimeout(20, 20, [&] { ticks.Add(Clock::now()); }), 0);
+
+  std::atomic<bool> stop{false};
+  std::atomic<long> posted{0};
+  std::function<void()> work = [] { SpinFor(std::chrono::microseconds(100)); };
+  std::function<void()> fanOut = [&] {
+    work();
+    for (int i = 0; i < 2 && !stop && posted < 400000; ++i) posted += loop.AsyncCall(fanOut) == 0;
+  };
+  std::thread flooder([&] {
+    if (GetParam() == Flood::kTargetsThatPostTwo) {
+      posted += loop.AsyncCall(fanOut) == 0;
+      return;
+    }
+    // 20 calls a millisecond however coarse the sleep is.
+    for (auto start = Clock::now(); !stop; std::this_thread::sleep_for(milliseconds(1)))
+      for (long due = 20 * std::chrono::duration_cast<milliseconds>(Clock::now() - start).count(); posted < due;)
+        posted += loop.AsyncCall(work) == 0;
+  });
+  const bool served = zstest::WaitUntil(
+      [&] { return ticks.Events().size() >= 25 && arrived.Events().size() >= 50; }, milliseconds(20000));
+  stop = true;
+  flooder.join();
+  sending.Cancel();
+  ASSERT_EQ(loop.Stop(), 0);
+  EXPECT_TRUE(served) << ticks.Events().size() << " ticks, " << arrived.Events().size() << " datagrams";
+  EXPECT_LT(LongestGap(ticks.Events()).count(), 250);
+  EXPECT_LT(LongestGap(arrived.Events()).count(), 250);
+  receiver->Close();
+  sender->Close();
+  peer.Stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Floods, LoopFloodTest, ::testing::Values(Flood::kAnotherThread, Flood::kTargetsThatPostTwo));
+
+#if ZS_CHECKED_BUILD
+thread_local bool t_stallBeforeWake = false;
+Semaphore g_stalled, g_resume;
+
+// A poster that stalls after queueing and before its wake-up: calls posted
+// meanwhile, from another thread or from the loop thread, still run at once.
+TEST(LoopWakeUp, APosterStalledBeforeItsWakeUpHoldsUpNobodyElse) {
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  seam::g_beforeCallWake = +[] {
+    if (t_stallBeforeWake) g_stalled.Post(), g_resume.Wait();
+  };
+  std::atomic<bool> stalledRan{false};
+  std::thread staller([&] {
+    t_stallBeforeWake = true;
+    loop.AsyncCall([&] { stalledRan = true; });
+  });
+  g_stalled.Wait();
+  std::promise<void> fromLoop, fromThread;
+  loop.DelayCall(1, [&] { loop.AsyncCall([&] { fromLoop.set_value(); }); });
+  EXPECT_TRUE(fromLoop.get_future().wait_for(std::chrono::seconds(2)) == std::future_status::ready);
+  loop.AsyncCall([&] { fromThread.set_value(); });
+  EXPECT_TRUE(fromThread.get_future().wait_for(std::chrono::seconds(2)) == std::future_status::ready);
+  EXPECT_TRUE(stalledRan);  // queued before the others, so served with them
+  g_resume.Post();
+  staller.join();
+  seam::g_beforeCallWake = nullptr;
+  loop.Stop();
+}
+#endif
+
+#ifdef __linux__
+bool PinTo(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
+}
+
+// A real-time poster beside an ordinary one on the same CPU: a waiter that
+// spun while the preempted holder of the queue's lock could not run would
+// wait until the kernel throttled it (about a second).
+TEST(LoopWakeUp, ARealTimePosterBesideAnOrdinaryOneOnOneCpuIsNotStalled) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer runtime's own locks spin; measured in the normal build";
+#endif
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  std::atomic<bool> stop{false};
+  std::atomic<long> pending{0};
+  bool ok = false;  // read after the join
+  int rtPosts = 0;
+  long longestUs = 0;
+  std::thread realTime([&] {
+    sched_param param{};
+    param.sched_priority = 10;
+    ok = PinTo(0) && pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0;
+    if (!ok) return;
+    for (auto end = Clock::now() + std::chrono::seconds(1); Clock::now() < end; ++rtPosts) {
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+      auto t0 = Clock::now();
+      loop.AsyncCall([] {});
+      auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count();
+      longestUs = std::max<long>(longestUs, static_cast<long>(took));
+    }
+  });
+  std::thread ordinary([&] {
+    PinTo(0);
+    while (!stop)  // bounded backlog: contention on the lock is what counts
+      if (pending < 10000) ++pending, loop.AsyncCall([&] { --pending; });
+      else std::this_thread::yield();
+  });
+  realTime.join();
+  stop = true;
+  ordinary.join();
+  loop.Stop();
+  if (!ok) GTEST_SKIP() << "SCHED_FIFO or CPU affinity not permitted here";
+  EXPECT_LT(longestUs, 100000);
+  EXPECT_GE(rtPosts, 200);
+}
+#endif
+
+// A repeating timer's function whose copy posts a delayed call: nothing copies
+// it while a lock is held, so the timer keeps firing.
+TEST(LoopTimers, AFunctionWhoseCopyPostsKeepsFiring) {
+  IOLoop loop;
+  ASSERT_EQ(loop.Start(), 0);
+  struct CopyPosts {
+    IOLoop* loop;
+    std::atomic<int>* fired;
+    CopyPosts(IOLoop* l, std::atomic<int>* f) : loop(l), fired(f) {}
+    CopyPosts(const CopyPosts& o) : loop(o.loop), fired(o.fired) { loop->DelayCall(0, [] {}); }
+    void operator()() { ++*fired; }
+  };
+  std::atomic<int> fired{0};
+  Timer timer(&loop);
+  ASSERT_EQ(timer.SetTimeout(0, 5, CopyPosts(&loop, &fired)), 0);
+  // A loop that hung here would hang its teardown too: end the process with the reason.
+  if (!zstest::WaitUntil([&] { return fired >= 3; })) std::_Exit((std::fputs("the loop is hung\n", stderr), 1));
+  timer.Cancel();
+  EXPECT_EQ(loop.Stop(), 0);
 }
 
 }  // namespace
