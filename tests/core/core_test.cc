@@ -97,9 +97,9 @@ TEST(Log, CallbackGetsLevelTagAndFormattedTextElseBareLinesGoToStandardOutput) {
     zstest::LogRecorder log;
     LogDebug(tag::kTimer, "%s", std::string(3000, 'a').c_str());  // cut to 2047
     const wchar_t pair[] = {static_cast<wchar_t>(0xD83D), static_cast<wchar_t>(0xDE00), 0};  // UTF-32: 2 invalid
-    LogError(tag::kUdp, "%S%S[%5S|%-4S|%u|%lld|%td|%zd|%zu|%jd|%lu|%llx|%.2s|%10u|%p]",
+    LogError(tag::kUdp, "%S%S[%5S|%-4S|%u|%lld|%td|%zd|%zu|%jd|%lu|%llx|%.10s|%10u|%p]",
              L"\u007f\u0080\u07ff\u0800\uffff\U0001F600", pair, L"ab", L"c", 4000000000u, -5000000000LL,
-             std::ptrdiff_t{-7}, std::ptrdiff_t{-3}, std::size_t{9}, std::intmax_t{-9}, 7ul, 255ull, "abc", 42u,
+             std::ptrdiff_t{-7}, std::ptrdiff_t{-3}, std::size_t{9}, std::intmax_t{-9}, 7ul, 255ull, kBytes + 10, 42u,
              static_cast<const void*>(pair));
     char pointer[32];
     std::snprintf(pointer, sizeof pointer, "%p", static_cast<const void*>(pair));
@@ -110,7 +110,7 @@ TEST(Log, CallbackGetsLevelTagAndFormattedTextElseBareLinesGoToStandardOutput) {
     EXPECT_EQ(std::make_tuple(lines[1].level, lines[1].tag), std::make_tuple(LOG_LEVEL_ERROR, "udp"));
     EXPECT_EQ(lines[1].message, "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x9f\x98\x80" +
         std::string(sizeof(wchar_t) == 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd\xef\xbf\xbd") +
-        "[   ab|c   |4000000000|-5000000000|-7|-3|9|-9|7|ff|ab|        42|" + pointer + "]");
+        "[   ab|c   |4000000000|-5000000000|-7|-3|9|-9|7|ff|abcdefghij|        42|" + pointer + "]");
   }
   LogInfo(tag::kLoop, "after %s", "x");  // the recorder has put the null callback back
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "after x\n");

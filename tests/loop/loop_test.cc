@@ -519,10 +519,7 @@ TEST(LoopWakeUp, APosterStalledBeforeItsWakeUpHoldsUpNobodyElse) {
     if (t_stallBeforeWake) g_stalled.Post(), g_resume.Wait();
   };
   std::atomic<bool> stalledRan{false};
-  std::thread staller([&] {
-    t_stallBeforeWake = true;
-    loop.AsyncCall([&] { stalledRan = true; });
-  });
+  std::thread staller([&] { t_stallBeforeWake = true, loop.AsyncCall([&] { stalledRan = true; }); });
   g_stalled.Wait();
   std::promise<void> fromLoop, fromThread;
   loop.DelayCall(1, [&] { loop.AsyncCall([&] { fromLoop.set_value(); }); });

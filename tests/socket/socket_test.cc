@@ -109,7 +109,9 @@ TEST_F(SocketTest, FactoriesAndTheValueClass) {
   CheckFactory<IChannelSendOption>("option", [](IChannelSendOption** out) { return CreateChannelSendOption(out); });
   auto other = zstest::NewRecorder();
   {
-    UvTcp owned(&loop), borrowed(owned);
+    UvTcp owned(&loop), borrowed(owned), assigned;
+    assigned = borrowed;  // a borrower too
+    EXPECT_EQ(static_cast<ITcp*>(assigned), static_cast<ITcp*>(owned));
     borrowed.SetSink(other);
     EXPECT_EQ(borrowed.Accept(to, nullptr), 0);  // no listening side: nothing happens
   }
